@@ -1,0 +1,26 @@
+/*
+ * Configuration and settings files.
+ *
+ * A configuration file NAME.conf installs the plug-in NAME; a settings file keeps the values of one
+ * plug-in on one node. Both are relaxed JSON, read into properties tables: nested objects and arrays stay
+ * as their JSON text.
+ */
+#pragma once
+
+struct pw_properties;
+
+/**
+ * Lists the files "*.conf" of `path` in alphabetical order as "config.name.0", "config.name.1", ... in
+ * `config_names`, each replaced by the file of the same name in `override_path` where there is one.
+ * `override_path` may be null. Returns false where `path` exists but cannot be read.
+ */
+bool hs_conf_get_configs(const char *path, const char *override_path, pw_properties *config_names);
+
+/** Updates `properties` from the file; false where it could not be read. A malformed text gives what parses. */
+bool hs_conf_load_conf(const char *path, pw_properties *properties);
+
+/**
+ * Writes the settings table (see source-settings.hpp) to the file that its "path" names, atomically: its
+ * "$schema" and the value of every setting. Does nothing for a null table or one without a path.
+ */
+void hs_settings_write(const pw_properties *settings);

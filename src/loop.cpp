@@ -1,0 +1,472 @@
+#include "loop.hpp"
+
+#include <cerrno>
+#include <cinttypes>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
+#include <optional>
+#include <type_traits>
+
+#include <pipewire/loop.h>
+#include <pipewire/main-loop.h>
+#include <spa/utils/hook.h>
+
+#include <systemd/sd-bus.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include "assert.hpp"
+#include "dbus.hpp"
+#include "log.hpp"
+#include "owned.hpp"
+#include "source.hpp"
+
+namespace {
+
+/** What the idle source does next. */
+enum bus_state : int32_t {
+	BUS_STATE_PROCESS = 0,
+	BUS_STATE_DESTROY = 1,
+	BUS_STATE_QUIT = 2,
+};
+
+/** Whether one event of one source is wanted on a bus. */
+struct event_status {
+	/** Borrowed; hs_loop_remove_event_status is called before it goes. */
+	hs_source *source;
+	std::optional<std::string> name;
+	bool enabled;
+	spa_list link;
+};
+
+static_assert(std::is_standard_layout_v<event_status>);
+
+struct bus_event_data {
+	int32_t state;
+	/** One reference, owned, of a private bus; borrowed of the main bus. */
+	sd_bus *bus;
+	bool is_main;
+	/** Borrowed. */
+	hs_loop *loop;
+	/** SPA_IO_ bits. */
+	uint32_t mask;
+	spa_source *io;
+	spa_source *timer;
+	spa_source *idle;
+	/** The last call of sd_bus_process did something; what it has read beside that shows in no poll. */
+	bool busy;
+	/** Of event_status; owned. */
+	spa_list event_statuses;
+	/** In the loop's event_data_list. */
+	spa_list link;
+};
+
+static_assert(std::is_standard_layout_v<bus_event_data>);
+
+/* Stands for "never": the timer stays armed, so that one call serves both cases. */
+constexpr timespec far_future = {0x7fffffff, 999999999};
+
+pw_loop *loop_of(const hs_loop *loop)
+{
+	return pw_main_loop_get_loop(loop->main_loop);
+}
+
+void bus_event_data_clear_statuses(bus_event_data *data)
+{
+	event_status *status;
+	spa_list_consume(status, &data->event_statuses, link) {
+		hs_source_dec_consumers(status->source);
+		spa_list_remove(&status->link);
+		delete status;
+	}
+}
+
+void destroy_loop_sources(bus_event_data *data)
+{
+	pw_loop *loop = loop_of(data->loop);
+	for (spa_source *source : {data->io, data->timer, data->idle}) {
+		if (source)
+			pw_loop_destroy_source(loop, source);
+	}
+}
+
+void bus_event_data_clear(bus_event_data *data)
+{
+	destroy_loop_sources(data);
+	bus_event_data_clear_statuses(data);
+}
+
+void bus_event_data_destroy(bus_event_data *data)
+{
+	if (data->is_main) {
+		pw_log_warn("Attempting to destroy bus event data for main bus");
+		return;
+	}
+	pw_log_debug("Destroy bus event data: %p", static_cast<void *>(data));
+	spa_list_remove(&data->link);
+	bus_event_data_clear(data);
+	if (data->bus) {
+		hs_dbus_remove_bus(data->bus);
+		sd_bus_unref(data->bus);
+	}
+	delete data;
+}
+
+/** May destroy the record. */
+void process(bus_event_data *data)
+{
+	pw_log_trace("process bus %p", static_cast<void *>(data->bus));
+	const int r = sd_bus_process(data->bus, nullptr);
+	if (r >= 0) {
+		data->busy = r > 0;
+	} else if (data->is_main) {
+		pw_log_error("Failed to process bus event: %s", std::strerror(-r));
+		hs_loop_do_quit(data->loop, 0);
+	} else {
+		pw_log_debug("Failed to process bus event: %s", std::strerror(-r));
+		bus_event_data_destroy(data);
+	}
+	pw_log_trace("process done");
+}
+
+void on_bus_io(void *data, int fd, uint32_t mask)
+{
+	auto *event_data = static_cast<bus_event_data *>(data);
+	pw_log_trace("on_bus_io bus %p (fd %d, mask %x)", static_cast<void *>(event_data->bus), fd, mask);
+	process(event_data);
+}
+
+void on_timeout(void *data, uint64_t expirations)
+{
+	auto *event_data = static_cast<bus_event_data *>(data);
+	pw_log_debug("on_timeout bus %p (exp. %" PRIu64 ")", static_cast<void *>(event_data->bus), expirations);
+	process(event_data);
+}
+
+void on_idle(void *data)
+{
+	auto *event_data = static_cast<bus_event_data *>(data);
+	pw_log_trace("on_idle bus %p (state %d)", static_cast<void *>(event_data->bus), event_data->state);
+	switch (event_data->state) {
+	case BUS_STATE_PROCESS:
+		process(event_data);
+		return;
+	case BUS_STATE_DESTROY:
+		/* Without the main bus there is nothing left to serve, nor anything to wait for. */
+		if (event_data->is_main)
+			hs_loop_do_quit(event_data->loop, 0);
+		bus_event_data_destroy(event_data);
+		return;
+	case BUS_STATE_QUIT:
+		hs_loop_do_quit(event_data->loop, 0);
+		return;
+	}
+	HS_UNREACHABLE();
+}
+
+/*
+ * sd-bus closes its descriptor while our source still watches it, and the kernel may give the number to the
+ * next private bus before the source is gone. A duplicate is ours until we close it.
+ */
+spa_source *add_io(bus_event_data *data)
+{
+	const int fd = sd_bus_get_fd(data->bus);
+	const int own_fd = fd < 0 ? -1 : fcntl(fd, F_DUPFD_CLOEXEC, 0);
+	if (own_fd < 0)
+		return nullptr;
+	spa_source *io = pw_loop_add_io(loop_of(data->loop), own_fd, 0, true, on_bus_io, data);
+	if (!io)
+		close(own_fd);
+	return io;
+}
+
+bool bus_event_data_init(bus_event_data *data, sd_bus *bus, bool is_main, hs_loop *loop)
+{
+	*data = {};
+	data->bus = bus;
+	data->is_main = is_main;
+	data->loop = loop;
+	spa_list_init(&data->event_statuses);
+	data->io = add_io(data);
+	if (!data->io)
+		return false;
+	data->timer = pw_loop_add_timer(loop_of(loop), on_timeout, data);
+	if (!data->timer)
+		return false;
+	data->idle = pw_loop_add_idle(loop_of(loop), false, on_idle, data);
+	return data->idle != nullptr;
+}
+
+/** When a bus wants to be processed next. */
+struct bus_wait {
+	timespec timer;
+	bool idle;
+};
+
+/** The bus is of no use any more: the idle source does what `state` says. */
+bus_wait give_up(bus_event_data *data, bus_state state)
+{
+	data->state = state;
+	data->mask = 0;
+	return {far_future, true};
+}
+
+void update_mask(bus_event_data *data, int events)
+{
+	pw_log_trace("events 0x%x, POLLIN: 0x%x, POLLOUT: 0x%x", static_cast<unsigned int>(events),
+		     static_cast<unsigned int>(events & POLLIN), static_cast<unsigned int>(events & POLLOUT));
+	SPA_FLAG_UPDATE(data->mask, static_cast<uint32_t>(SPA_IO_IN), (events & POLLIN) != 0);
+	SPA_FLAG_UPDATE(data->mask, static_cast<uint32_t>(SPA_IO_OUT), (events & POLLOUT) != 0);
+}
+
+bus_wait ask_bus(bus_event_data *data)
+{
+	constexpr uint64_t usec_per_sec = 1000000;
+	constexpr uint64_t nsec_per_usec = 1000;
+
+	const int events = sd_bus_get_events(data->bus);
+	if (events == -ENOTCONN) {
+		pw_log_debug("Client closed the bus %p: %s", static_cast<void *>(data->bus), std::strerror(ENOTCONN));
+		return give_up(data, BUS_STATE_DESTROY);
+	}
+	if (events < 0) {
+		pw_log_warn("Could not get events for bus %p: %s", static_cast<void *>(data->bus),
+			    std::strerror(-events));
+		return give_up(data, BUS_STATE_QUIT);
+	}
+	update_mask(data, events);
+
+	uint64_t usec = 0;
+	const int r = sd_bus_get_timeout(data->bus, &usec);
+	if (r < 0) {
+		pw_log_warn("Could not get timeout on bus %p: %s", static_cast<void *>(data->bus), std::strerror(-r));
+		return give_up(data, BUS_STATE_QUIT);
+	}
+	pw_log_trace("timeout_usec %" PRIu64 " (UINT64_MAX == %" PRIu64 ") on bus %p", usec, UINT64_MAX,
+		     static_cast<void *>(data->bus));
+	if (usec == UINT64_MAX)
+		return {far_future, data->busy};
+	if (usec == 0)
+		return {far_future, true};
+	return {{static_cast<time_t>(usec / usec_per_sec), static_cast<long>(usec % usec_per_sec * nsec_per_usec)},
+		data->busy};
+}
+
+void bus_event_data_update(bus_event_data *data)
+{
+	sd_bus *bus = data->bus;
+	HS_ASSERT(bus);
+	pw_loop *loop = loop_of(data->loop);
+	HS_ASSERT(loop);
+
+	bus_wait wait = ask_bus(data);
+	if (pw_loop_update_io(loop, data->io, data->mask) < 0)
+		pw_log_warn("Could not update io source for bus %p.", static_cast<void *>(bus));
+	if (pw_loop_update_timer(loop, data->timer, &wait.timer, nullptr, true) < 0)
+		pw_log_warn("Could not update timer source for bus %p.", static_cast<void *>(bus));
+	if (pw_loop_enable_idle(loop, data->idle, wait.idle) < 0)
+		pw_log_warn("Could not disable idle source for bus %p.", static_cast<void *>(bus));
+}
+
+void before_poll(void *data)
+{
+	auto *loop = static_cast<hs_loop *>(data);
+	pw_log_trace("before poll %p", static_cast<void *>(loop));
+	bus_event_data *event_data;
+	bus_event_data *next;
+	spa_list_for_each_safe(event_data, next, &loop->event_data_list, link)
+		bus_event_data_update(event_data);
+}
+
+void after_poll(void *data)
+{
+	pw_log_trace("after poll %p", data);
+}
+
+constexpr spa_loop_control_hooks loop_hooks = [] {
+	spa_loop_control_hooks hooks{};
+	hooks.version = SPA_VERSION_LOOP_CONTROL_HOOKS;
+	hooks.before = before_poll;
+	hooks.after = after_poll;
+	return hooks;
+}();
+
+bus_event_data *find_bus(hs_loop *loop, const sd_bus *bus)
+{
+	bus_event_data *data;
+	spa_list_for_each(data, &loop->event_data_list, link) {
+		if (data->bus == bus)
+			return data;
+	}
+	return nullptr;
+}
+
+bool names_match(const std::optional<std::string> &a, const char *b)
+{
+	return b ? a && *a == b : !a;
+}
+
+event_status *find_status(bus_event_data *data, const hs_source *source, const char *name)
+{
+	event_status *status;
+	spa_list_for_each(status, &data->event_statuses, link) {
+		if (status->source == source && names_match(status->name, name))
+			return status;
+	}
+	return nullptr;
+}
+
+event_status *add_status(bus_event_data *data, hs_source *source, const char *name)
+{
+	auto *status = new event_status{};
+	status->source = source;
+	if (name)
+		status->name = name;
+	spa_list_append(&data->event_statuses, &status->link);
+	return status;
+}
+
+} // namespace
+
+hs_loop *hs_loop_new()
+{
+	std::unique_ptr<hs_loop> loop(new (std::nothrow) hs_loop{});
+	HS_ASSERT(loop);
+	spa_list_init(&loop->event_data_list);
+	loop->main_loop = pw_main_loop_new(nullptr);
+	if (!loop->main_loop) {
+		pw_log_error("Could not create main loop: %m");
+		return nullptr;
+	}
+	pw_loop_add_signal(loop_of(loop.get()), SIGINT, hs_loop_do_quit, loop.get());
+	pw_loop_add_signal(loop_of(loop.get()), SIGTERM, hs_loop_do_quit, loop.get());
+	return loop.release();
+}
+
+void hs_loop_destroy(hs_loop *loop)
+{
+	if (!loop)
+		return;
+	bus_event_data *data;
+	spa_list_consume(data, &loop->event_data_list, link) {
+		pw_log_warn("Freeing bus event data at %p that should already have been destroyed",
+			    static_cast<void *>(data));
+		bus_event_data_clear_statuses(data);
+		spa_list_remove(&data->link);
+		delete data;
+	}
+	pw_main_loop_destroy(loop->main_loop);
+	delete loop;
+}
+
+bool hs_loop_add_bus(hs_loop *loop, sd_bus *bus)
+{
+	HS_ASSERT(loop);
+	HS_ASSERT(bus);
+	if (find_bus(loop, bus)) {
+		pw_log_error("Bus already added");
+		return false;
+	}
+	std::unique_ptr<bus_event_data> bus_event_data(new (std::nothrow) ::bus_event_data);
+	HS_ASSERT(bus_event_data);
+	if (!bus_event_data_init(bus_event_data.get(), bus, false, loop)) {
+		destroy_loop_sources(bus_event_data.get());
+		return false;
+	}
+	spa_list_append(&loop->event_data_list, &bus_event_data->link);
+	static_cast<void>(bus_event_data.release());
+	return true;
+}
+
+int hs_loop_run(hs_loop *loop, sd_bus *bus)
+{
+	bus_event_data main_data;
+	if (!bus_event_data_init(&main_data, bus, true, loop)) {
+		destroy_loop_sources(&main_data);
+		return -1;
+	}
+	spa_list_append(&loop->event_data_list, &main_data.link);
+
+	spa_hook hook{};
+	pw_loop_add_hook(loop_of(loop), &hook, &loop_hooks, loop);
+	const int result = pw_main_loop_run(loop->main_loop);
+	spa_hook_remove(&hook);
+
+	spa_list_remove(&main_data.link);
+	bus_event_data_clear(&main_data);
+	return result;
+}
+
+void hs_loop_do_quit(void *data, int signal)
+{
+	auto *loop = static_cast<hs_loop *>(data);
+	pw_log_debug("Got signal %d", signal);
+	pw_log_info("Exiting.");
+	bus_event_data *event_data;
+	bus_event_data *next;
+	spa_list_for_each_safe(event_data, next, &loop->event_data_list, link) {
+		if (!event_data->is_main)
+			bus_event_data_destroy(event_data);
+	}
+	pw_main_loop_quit(loop->main_loop);
+}
+
+sd_bus *hs_loop_bus_iterate(hs_loop *loop, void **cursor)
+{
+	HS_ASSERT(spa_list_is_initialized(&loop->event_data_list));
+	const auto *last = static_cast<const bus_event_data *>(*cursor);
+	spa_list *link = last ? last->link.next : loop->event_data_list.next;
+	for (; link != &loop->event_data_list; link = link->next) {
+		auto *data = SPA_CONTAINER_OF(link, bus_event_data, link);
+		*cursor = data;
+		if (!data->is_main)
+			return data->bus;
+	}
+	return nullptr;
+}
+
+bool hs_loop_bus_get_event_status(hs_loop *loop, sd_bus *bus, const hs_source *source, const char *name,
+				  bool *enabled)
+{
+	bus_event_data *data = find_bus(loop, bus);
+	if (!data)
+		return false;
+	const event_status *status = find_status(data, source, name);
+	*enabled = status && status->enabled;
+	return true;
+}
+
+void hs_loop_bus_set_event_status(hs_loop *loop, sd_bus *bus, const char *name, hs_source *source, bool enabled)
+{
+	bus_event_data *bus_event_data = find_bus(loop, bus);
+	HS_ASSERT(bus_event_data);
+	event_status *status = find_status(bus_event_data, source, name);
+	if (!status)
+		status = add_status(bus_event_data, source, name);
+	const bool was_enabled = status->enabled;
+	status->enabled = enabled;
+	if (enabled && !was_enabled)
+		hs_source_inc_consumers(source);
+	else if (!enabled && was_enabled)
+		hs_source_dec_consumers(source);
+}
+
+void hs_loop_remove_event_status(hs_loop *loop, const hs_source *source)
+{
+	bus_event_data *data;
+	spa_list_for_each(data, &loop->event_data_list, link) {
+		event_status *status;
+		event_status *next;
+		spa_list_for_each_safe(status, next, &data->event_statuses, link) {
+			if (status->source != source)
+				continue;
+			spa_list_remove(&status->link);
+			delete status;
+		}
+	}
+}

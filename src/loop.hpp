@@ -1,0 +1,50 @@
+/*
+ * The daemon's one loop: PipeWire's main loop, which drives every D-Bus connection too.
+ *
+ * Before each poll every bus is asked what it waits for. Beside its bus, each record keeps which events of
+ * which source are enabled there.
+ *
+ * Threads: everything runs on the thread that calls hs_loop_run.
+ */
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <spa/utils/list.h>
+
+struct pw_main_loop;
+struct sd_bus;
+struct spa_source;
+struct hs_source;
+
+struct hs_loop {
+	/** Owned. */
+	pw_main_loop *main_loop;
+	/** Of bus_event_data, one per attached bus in order of arrival; owned. */
+	spa_list event_data_list;
+};
+
+hs_loop *hs_loop_new();
+void hs_loop_destroy(hs_loop *loop);
+
+/** Attaches a private bus and takes its reference over; false where it is attached already or cannot be. */
+bool hs_loop_add_bus(hs_loop *loop, sd_bus *bus);
+
+/** Attaches the main bus, borrowed, and runs until the loop quits. A negative result is a failure. */
+int hs_loop_run(hs_loop *loop, sd_bus *bus);
+
+/** Drops the private buses and quits; a signal handler, called with 0 from inside the daemon. */
+void hs_loop_do_quit(void *loop, int signal);
+
+/** The next private bus after `*cursor` (null to begin with), or null at the end. */
+sd_bus *hs_loop_bus_iterate(hs_loop *loop, void **cursor);
+
+/** Whether the event is enabled on the bus; false where the bus is not attached. */
+bool hs_loop_bus_get_event_status(hs_loop *loop, sd_bus *bus, const hs_source *source, const char *name,
+				  bool *enabled);
+/** Enables or disables the event on an attached bus and counts its source's consumers. */
+void hs_loop_bus_set_event_status(hs_loop *loop, sd_bus *bus, const char *name, hs_source *source, bool enabled);
+
+/** Forgets the source on every bus, without touching its consumers. */
+void hs_loop_remove_event_status(hs_loop *loop, const hs_source *source);

@@ -1,0 +1,253 @@
+/*
+ * The hear-sense daemon: start-up, command line and shutdown.
+ */
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <pipewire/pipewire.h>
+
+#include <systemd/sd-bus.h>
+
+#include <getopt.h>
+
+#include <vetto2.h>
+
+#include "conf.hpp"
+#include "context.hpp"
+#include "dbus.hpp"
+#include "log.hpp"
+#include "loop.hpp"
+#include "metrics.hpp"
+#include "owned.hpp"
+#include "plugin.hpp"
+#include "registry.hpp"
+
+namespace {
+
+constexpr char metrics_dir[] = "/etc/hear-sense/metrics/";
+constexpr char schema_dir[] = "/usr/share/hear-sense/plugin-schemas";
+constexpr char settings_dir[] = "/etc/hear-sense/plugin-settings";
+constexpr char conf_dir[] = "/usr/share/hear-sense/plugin-confs";
+constexpr char conf_override_dir[] = "/etc/hear-sense/plugin-confs";
+constexpr char session_bus_variable[] = "HS_USE_SESSION_BUS";
+constexpr size_t config_path_size = 4096;
+
+/** Exit status without any clean-up: the device's rights can not be asked. */
+constexpr int exit_no_rights = -1;
+
+/** What start-up has made so far; null for what is still missing. */
+struct daemon_parts {
+	hs_loop *loop;
+	/** Owned until the daemon context takes it over. */
+	sd_bus *bus;
+	pw_context *pipewire;
+	pw_core *core;
+	spa_hook core_listener;
+	hs_registry *registry;
+};
+
+enum class command { run, help, fail };
+
+void print_usage(const char *program)
+{
+	std::printf("%s [options]\n"
+		    "  -h, --help                      Show this help\n"
+		    "  -c, --config-path               Path to load configs (Default %s/)\n",
+		    program, conf_dir);
+}
+
+command parse_command_line(int argc, char *argv[], const char **config_path)
+{
+	static constexpr option options[] = {
+		{"help", no_argument, nullptr, 'h'},
+		{"config-path", required_argument, nullptr, 'c'},
+		{nullptr, 0, nullptr, 0},
+	};
+	int c;
+	while ((c = getopt_long(argc, argv, "hc:", options, nullptr)) != -1) {
+		switch (c) {
+		case 'h':
+			return command::help;
+		case 'c':
+			*config_path = optarg;
+			break;
+		default:
+			return command::fail;
+		}
+	}
+	return command::run;
+}
+
+/** Returns a negative errno, or 0 or more with the bus open. */
+int open_bus(sd_bus **bus)
+{
+	if (spa_streq(std::getenv(session_bus_variable), "true")) {
+		const int r = sd_bus_open_user(bus);
+		if (r < 0)
+			pw_log_error("Could not open session bus: %m");
+		return r;
+	}
+	const int r = sd_bus_open_system(bus);
+	if (r < 0)
+		pw_log_error("Could not open system bus: %m");
+	return r;
+}
+
+bool init_rights()
+{
+	vetto2_error error{};
+	if (vetto2_init(&error))
+		return true;
+	pw_log_error("Failed to initialize libvetto: code %d: %s", error.code, error.message);
+	return false;
+}
+
+/* The dead connection would never announce another node, so the service manager starts us afresh. */
+void on_core_error(void *data, uint32_t id, int, int res, const char *message)
+{
+	if (id != PW_ID_CORE || res != -EPIPE)
+		return;
+	pw_log_error("PipeWire connection lost: %s", message ? message : std::strerror(-res));
+	hs_loop_do_quit(static_cast<hs_loop *>(data), 0);
+}
+
+constexpr pw_core_events core_events = [] {
+	pw_core_events events{};
+	events.version = PW_VERSION_CORE_EVENTS;
+	events.error = on_core_error;
+	return events;
+}();
+
+int connect_pipewire(daemon_parts *parts)
+{
+	pw_properties *props = pw_properties_new("context.num-data-loops", "0", nullptr);
+	parts->pipewire = pw_context_new(pw_main_loop_get_loop(parts->loop->main_loop), props, 0);
+	if (!parts->pipewire) {
+		pw_log_error("Could not create PipeWire context: %m");
+		return -1;
+	}
+	parts->core = pw_context_connect(parts->pipewire, nullptr, 0);
+	if (!parts->core) {
+		pw_log_error("Could not connect to PipeWire: %m. Is it running, and does PIPEWIRE_RUNTIME_DIR or XDG_RUNTIME_DIR name its directory?");
+		return -1;
+	}
+	pw_core_add_listener(parts->core, &parts->core_listener, &core_events, parts->loop);
+	return 0;
+}
+
+bool load_config_list(const char *config_path, pw_properties *configs)
+{
+	if (!config_path)
+		return hs_conf_get_configs(conf_dir, conf_override_dir, configs);
+	const std::string directory(config_path, strnlen(config_path, config_path_size - 1));
+	return hs_conf_get_configs(directory.c_str(), nullptr, configs);
+}
+
+void load_plugins(hs_context *context, const pw_properties *configs)
+{
+	void *state = nullptr;
+	while (const char *key = pw_properties_iterate(configs, &state)) {
+		const char *path = pw_properties_get(configs, key);
+		if (!path)
+			break;
+		hs_plugin_new(context, path, schema_dir, settings_dir);
+	}
+}
+
+/** Offers the service on the bus; a negative errno on failure. */
+int publish_service(sd_bus *bus)
+{
+	if (!hs_dbus_init_private_bus())
+		return -1;
+	pw_log_debug("add object manager");
+	int r = sd_bus_add_object_manager(bus, nullptr, "/");
+	if (r < 0) {
+		pw_log_error("Could not add object manager: %m");
+		return r;
+	}
+	pw_log_debug("request name");
+	r = sd_bus_request_name(bus, HS_DBUS_SERVICE, 0);
+	if (r < 0)
+		pw_log_error("Could not aquire name on bus: %m");
+	return r;
+}
+
+/** From the open bus to the end of the main loop; a negative result is a failure. */
+int run_daemon(daemon_parts *parts, const char *config_path)
+{
+	const int r = connect_pipewire(parts);
+	if (r < 0)
+		return r;
+	pw_registry *registry = pw_core_get_registry(parts->core, PW_VERSION_REGISTRY, 0);
+	parts->registry = hs_registry_new(registry);
+	sd_bus *bus = parts->bus;
+	hs_context *context = hs_context_new(parts->pipewire, parts->core, parts->loop, parts->registry, bus);
+	parts->bus = nullptr;
+	hs_registry_add_listener(context->registry);
+
+	const hs_properties_ptr configs(pw_properties_new(nullptr, nullptr));
+	if (!load_config_list(config_path, configs.get()))
+		return 0;
+	load_plugins(context, configs.get());
+
+	const int published = publish_service(bus);
+	return published < 0 ? published : hs_loop_run(parts->loop, bus);
+}
+
+void shut_down(daemon_parts *parts)
+{
+	hs_metrics_deinit();
+	hs_context_destroy();
+	sd_bus_unref(parts->bus);
+	hs_registry_destroy(&parts->registry);
+	if (parts->core)
+		pw_core_disconnect(parts->core);
+	if (parts->pipewire)
+		pw_context_destroy(parts->pipewire);
+	hs_loop_destroy(parts->loop);
+	pw_deinit();
+	vetto2_release();
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+	pw_init(&argc, &argv);
+	hs_log_init();
+	pw_log_info("Starting.");
+
+	const char *config_path = nullptr;
+	switch (parse_command_line(argc, argv, &config_path)) {
+	case command::help:
+		print_usage(argv[0]);
+		return EXIT_SUCCESS;
+	case command::fail:
+		hs_metrics_deinit();
+		vetto2_release();
+		return EXIT_FAILURE;
+	case command::run:
+		break;
+	}
+
+	hs_metrics_init(metrics_dir);
+	daemon_parts parts{};
+	parts.loop = hs_loop_new();
+	if (!parts.loop) {
+		hs_metrics_deinit();
+		vetto2_release();
+		return EXIT_FAILURE;
+	}
+
+	int status = open_bus(&parts.bus);
+	if (status >= 0) {
+		if (!std::getenv(session_bus_variable) && !init_rights())
+			return exit_no_rights;
+		status = run_daemon(&parts, config_path);
+	}
+	shut_down(&parts);
+	return status < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}

@@ -1,0 +1,614 @@
+#include "pod.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <vector>
+
+#include <spa/param/props.h>
+#include <spa/pod/builder.h>
+#include <spa/pod/pod.h>
+#include <spa/utils/string.h>
+
+#include "assert.hpp"
+#include "log.hpp"
+#include "parse.hpp"
+#include "text-writer.hpp"
+
+const hs_schema_type hs_schema_types[] = {
+	{"boolean", SPA_TYPE_Bool, "b"},
+	{"uint32", SPA_TYPE_Id, "u"},
+	{"int32", SPA_TYPE_Int, "i"},
+	{"int64", SPA_TYPE_Long, "x"},
+	{"float", SPA_TYPE_Float, "f"},
+	{"double", SPA_TYPE_Double, "d"},
+	{"string", SPA_TYPE_String, "s"},
+	{"array", SPA_TYPE_Array, "a"},
+	{"struct", SPA_TYPE_Struct, "()"},
+	{nullptr, 0, nullptr},
+};
+
+namespace {
+
+/** Largest value that a description may have, in bytes. */
+constexpr uint32_t MAX_VALUE_SIZE = 0xfffff;
+
+/** Room for any number in decimal: 309 digits before the point, 6 behind it, sign and terminator. */
+using digits = char[320];
+
+/* Reading PODs of plug-ins. */
+
+struct description {
+	const char *name;
+	const char *text;
+	const spa_pod *value;
+};
+
+constexpr size_t padded(size_t size)
+{
+	return (size + 7) & ~size_t{7};
+}
+
+const void *body_of(const spa_pod *pod)
+{
+	return pod + 1;
+}
+
+/** The POD that begins at `data`; null where it is not wholly inside the `size` bytes. */
+const spa_pod *pod_at(const void *data, size_t size)
+{
+	const auto *pod = static_cast<const spa_pod *>(data);
+
+	if (size < sizeof(spa_pod) || pod->size > size - sizeof(spa_pod))
+		return nullptr;
+	return pod;
+}
+
+/** The text at `data`; null where it is not terminated within the `size` bytes. */
+const char *text_at(const void *data, size_t size)
+{
+	return size > 0 && std::memchr(data, '\0', size) ? static_cast<const char *>(data) : nullptr;
+}
+
+const char *text_of(const spa_pod *pod)
+{
+	return pod->type == SPA_TYPE_String ? text_at(body_of(pod), pod->size) : nullptr;
+}
+
+/** Elements of arrays may lie at any address, so values are copied out. */
+template <typename T>
+bool read(const void *data, size_t size, T *value)
+{
+	if (size < sizeof(T))
+		return false;
+	std::memcpy(value, data, sizeof(T));
+	return true;
+}
+
+const char *format_integer(int64_t number, digits &buffer)
+{
+	*std::to_chars(buffer, buffer + sizeof(buffer) - 1, number).ptr = '\0';
+	return buffer;
+}
+
+/** Like "%f", with a point in every locale. */
+const char *format_real(double number, digits &buffer)
+{
+	*std::to_chars(buffer, buffer + sizeof(buffer) - 1, number, std::chars_format::fixed, 6).ptr = '\0';
+	return buffer;
+}
+
+/** The value as text: the string itself, or a number in `buffer`; null where there is no such scalar. */
+const char *scalar_text(uint32_t type, const void *data, size_t size, digits &buffer)
+{
+	int32_t word;
+	int64_t number;
+	float single;
+	double real;
+
+	switch (type) {
+	case SPA_TYPE_Bool:
+		if (!read(data, size, &word))
+			return nullptr;
+		return word ? "true" : "false";
+	case SPA_TYPE_Id:
+	case SPA_TYPE_Int:
+		return read(data, size, &word) ? format_integer(word, buffer) : nullptr;
+	case SPA_TYPE_Long:
+		return read(data, size, &number) ? format_integer(number, buffer) : nullptr;
+	case SPA_TYPE_Float:
+		return read(data, size, &single) ? format_real(single, buffer) : nullptr;
+	case SPA_TYPE_Double:
+		return read(data, size, &real) ? format_real(real, buffer) : nullptr;
+	case SPA_TYPE_String:
+		return text_at(data, size);
+	default:
+		return nullptr;
+	}
+}
+
+/** `text` cut to what a buffer of `size` bytes holds, but not inside a UTF-8 character. */
+std::string_view cut(std::string_view text, size_t size)
+{
+	if (text.size() < size)
+		return text;
+
+	size_t n = size - 1;
+	while (n > size - 4 && (static_cast<unsigned char>(text[n]) & 0xc0) == 0x80)
+		n--;
+	return text.substr(0, n);
+}
+
+/** For log lines. */
+const char *title_of(const hs_pod &pod)
+{
+	return pod.title ? pod.title->c_str() : "(null)";
+}
+
+/** The PODs of a structure one by one. */
+class pod_walk
+{
+public:
+	explicit pod_walk(const spa_pod *parent)
+		: at{static_cast<const uint8_t *>(body_of(parent))}, left{parent->size}
+	{
+	}
+
+	bool at_end() const
+	{
+		return left == 0;
+	}
+
+	/** Null at the end and for a POD that runs past it. */
+	const spa_pod *next()
+	{
+		const spa_pod *pod = pod_at(at, left);
+		const size_t step = pod ? padded(sizeof(*pod) + pod->size) : left;
+		at += std::min(step, left);
+		left -= std::min(step, left);
+		return pod;
+	}
+
+private:
+	const uint8_t *at;
+	size_t left;
+};
+
+/** False where the POD is no description object, or a part of it runs past its end. */
+bool read_description(const spa_pod *pod, description *result)
+{
+	if (reinterpret_cast<uintptr_t>(pod) % alignof(spa_pod) != 0)
+		return false;
+	if (pod->type != SPA_TYPE_Object || pod->size < sizeof(spa_pod_object_body))
+		return false;
+	const auto *body = static_cast<const spa_pod_object_body *>(body_of(pod));
+	if (body->type != SPA_TYPE_OBJECT_PropInfo)
+		return false;
+
+	*result = {};
+	const auto *at = reinterpret_cast<const uint8_t *>(body + 1);
+	size_t left = pod->size - sizeof(*body);
+	while (left > 0) {
+		if (left < sizeof(spa_pod_prop))
+			return false;
+		const auto *prop = reinterpret_cast<const spa_pod_prop *>(at);
+		const spa_pod *value = pod_at(&prop->value, left - offsetof(spa_pod_prop, value));
+		if (!value)
+			return false;
+
+		if (prop->key == SPA_PROP_INFO_name && !result->name)
+			result->name = text_of(value);
+		else if (prop->key == SPA_PROP_INFO_description && !result->text)
+			result->text = text_of(value);
+		else if (prop->key == SPA_PROP_INFO_type && !result->value)
+			result->value = value;
+
+		const size_t step = padded(sizeof(spa_pod_prop) + value->size);
+		if (step >= left)
+			break;
+		at += step;
+		left -= step;
+	}
+	return result->value && result->value->size <= MAX_VALUE_SIZE;
+}
+
+const char *array_signature(uint32_t element_type)
+{
+	switch (element_type) {
+	case SPA_TYPE_Bool:
+		return "ab";
+	case SPA_TYPE_Id:
+		return "au";
+	case SPA_TYPE_Int:
+		return "ai";
+	case SPA_TYPE_Long:
+		return "ax";
+	case SPA_TYPE_Float:
+	case SPA_TYPE_Double:
+		return "ad";
+	case SPA_TYPE_String:
+		return "as";
+	default:
+		return nullptr;
+	}
+}
+
+/** Reads the array `value` into the record; false where it is malformed or its text is too long. */
+bool parse_array(hs_pod *pod, const spa_pod *value)
+{
+	if (value->size < sizeof(spa_pod_array_body)) {
+		pw_log_warn("Array %s is malformed", title_of(*pod));
+		return false;
+	}
+	const auto *body = static_cast<const spa_pod_array_body *>(body_of(value));
+	const size_t size = value->size - sizeof(*body);
+	const char *signature = array_signature(body->child.type);
+
+	pod->element_size = body->child.size;
+	pod->element_type = body->child.type;
+	pod->n_elements = pod->element_size > 0 ? static_cast<uint32_t>(size / pod->element_size) : 0;
+	pod->elements = body + 1;
+
+	hs_text_writer json{pod->json, sizeof(pod->json)};
+	json.add("[ ");
+	for (uint32_t i = 0; signature && i < pod->n_elements && !json.full(); i++) {
+		const auto *element = static_cast<const uint8_t *>(pod->elements) + size_t{i} * pod->element_size;
+		digits buffer;
+		const char *text = scalar_text(pod->element_type, element, pod->element_size, buffer);
+		if (!text) {
+			pw_log_warn("Array %s is malformed", title_of(*pod));
+			return false;
+		}
+		json.add(text);
+		json.add(", ");
+	}
+	json.replace_last(2, " ]");
+
+	hs_text_writer{pod->signature, sizeof(pod->signature)}.add(signature ? signature : "N/A");
+	if (json.full()) {
+		pw_log_warn("Array %s is too long", title_of(*pod));
+		return false;
+	}
+	return true;
+}
+
+/** Adds one line to `json` and one code to `signature`; either POD may be null. */
+bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json, hs_text_writer *signature)
+{
+	const char *name = key ? text_of(key) : nullptr;
+	digits buffer;
+	const char *text = name && value ? scalar_text(value->type, body_of(value), value->size, buffer) : nullptr;
+	if (!text) {
+		pw_log_warn("Failed to parse simple type '%s' in %s.", "NULL", name ? name : "(null)");
+		return false;
+	}
+
+	json->add("  \"");
+	json->add_escaped(name);
+	json->add("\": \"");
+	json->add_escaped(cut(text, sizeof(hs_pod::value)));
+	json->add("\",\n");
+	signature->add(value->type == SPA_TYPE_Float ? "d" : hs_schema_type_by_id(value->type)->signature);
+	return true;
+}
+
+/** Reads the structure `params` into the record; false where it is malformed or its text is too long. */
+bool parse_struct(hs_pod *pod, const spa_pod *params)
+{
+	HS_ASSERT(params);
+	pod->members = params;
+
+	hs_text_writer json{pod->json, sizeof(pod->json)};
+	hs_text_writer signature{pod->signature, sizeof(pod->signature)};
+	json.add("{\n");
+	signature.add("(");
+
+	pod_walk walk{params};
+	while (!walk.at_end()) {
+		const spa_pod *key = walk.next();
+		const spa_pod *value = walk.next();
+		if (!parse_member(key, value, &json, &signature)) {
+			pw_log_warn("Could not parse struct POD type for %d.", static_cast<int>(params->type));
+			return false;
+		}
+		if (json.full() || signature.full())
+			break;
+	}
+	json.replace_last(2, "\n }");
+	signature.add(")");
+
+	if (json.full() || signature.full()) {
+		pw_log_warn("Structure %s is too long", title_of(*pod));
+		return false;
+	}
+	return true;
+}
+
+/* Building the PODs that plug-ins take. */
+
+const char *infer_type(const char *value)
+{
+	if (spa_streq(value, "true") || spa_streq(value, "false"))
+		return "boolean";
+
+	int64_t number;
+	if (hs_parse_int64(value, &number)) {
+		if (number >= 0 && number <= UINT32_MAX)
+			return "uint32";
+		return number >= INT32_MIN && number <= INT32_MAX ? "int32" : "int64";
+	}
+
+	float real;
+	return hs_parse_float(value, &real) ? "float" : "string";
+}
+
+/** Adds a scalar; false where `value` is no text of that type. */
+bool add_scalar(spa_pod_builder *builder, const hs_schema_type &type, const char *value)
+{
+	uint32_t id;
+	int32_t word;
+	int64_t number;
+	float single;
+	double real;
+
+	switch (type.id) {
+	case SPA_TYPE_Bool:
+		if (!spa_streq(value, "true") && !spa_streq(value, "false"))
+			return false;
+		spa_pod_builder_bool(builder, spa_streq(value, "true"));
+		return true;
+	case SPA_TYPE_Id:
+		if (!hs_parse_uint32(value, &id))
+			return false;
+		spa_pod_builder_id(builder, id);
+		return true;
+	case SPA_TYPE_Int:
+		if (!hs_parse_int32(value, &word))
+			return false;
+		spa_pod_builder_int(builder, word);
+		return true;
+	case SPA_TYPE_Long:
+		if (!hs_parse_int64(value, &number))
+			return false;
+		spa_pod_builder_long(builder, number);
+		return true;
+	case SPA_TYPE_Float:
+		if (!hs_parse_float(value, &single))
+			return false;
+		spa_pod_builder_float(builder, single);
+		return true;
+	case SPA_TYPE_Double:
+		if (!hs_parse_double(value, &real))
+			return false;
+		spa_pod_builder_double(builder, real);
+		return true;
+	case SPA_TYPE_String:
+		spa_pod_builder_string(builder, value);
+		return true;
+	default:
+		HS_UNREACHABLE();
+	}
+}
+
+/** Adds `n` elements that lie side by side; false where they cannot fit into any POD of ours. */
+bool add_elements(spa_pod_builder *builder, uint32_t size, uint32_t type, size_t n, const void *elements)
+{
+	if (n > hs_pod_buffer::size / size)
+		return false;
+	spa_pod_builder_array(builder, size, type, static_cast<uint32_t>(n), elements);
+	return true;
+}
+
+bool add_booleans(spa_pod_builder *builder, const bool *booleans, size_t n)
+{
+	/* A boolean in a POD is a word wide. */
+	const std::vector<int32_t> words(booleans, booleans + n);
+
+	return add_elements(builder, sizeof(int32_t), SPA_TYPE_Bool, n, words.data());
+}
+
+/** Takes the texts over. */
+bool add_strings(spa_pod_builder *builder, char *const *strings, size_t n)
+{
+	const std::vector<hs_malloc_ptr<char>> texts(strings, strings + n);
+
+	/* Elements of an array are all as wide as the longest. */
+	size_t width = 0;
+	for (const auto &text : texts)
+		width = std::max(width, std::strlen(text.get()) + 1);
+	if (n > hs_pod_buffer::size / width)
+		return false;
+
+	std::vector<char> children(n * width);
+	for (size_t i = 0; i < n; i++)
+		std::strcpy(&children[i * width], texts[i].get());
+	return add_elements(builder, static_cast<uint32_t>(width), SPA_TYPE_String, n, children.data());
+}
+
+/** Adds the JSON array `value`, nothing where it has no elements; false where it cannot fit. */
+bool add_array(spa_pod_builder *builder, const char *value, const char *complex_type)
+{
+	const size_t length = std::strlen(value);
+	const uint32_t n = hs_parse_array_count(value, length);
+	void *elements = nullptr;
+	uint32_t size;
+	hs_parse_array(value, length, n, &elements, complex_type, &size);
+	const hs_malloc_ptr<void> owner{elements};
+	if (size == 0)
+		return true;
+
+	const hs_schema_type *type = hs_schema_type_by_signature(complex_type + 1);
+	HS_ASSERT(type);
+	switch (type->id) {
+	case SPA_TYPE_Bool:
+		return add_booleans(builder, static_cast<const bool *>(elements), n);
+	case SPA_TYPE_String:
+		return add_strings(builder, static_cast<char *const *>(elements), n);
+	default:
+		return add_elements(builder, size / n, type->id, n, elements);
+	}
+}
+
+/** Adds the value, nothing where the text does not fit the type; false where it cannot fit into the POD. */
+bool add_value(spa_pod_builder *builder, const char *name, const char *value, const char *type_name,
+	       const char *complex_type)
+{
+	const hs_schema_type *type = hs_schema_type_by_name(type_name);
+
+	if (!type || type->id == SPA_TYPE_Struct) {
+		pw_log_warn("Unsupported type '%s' (\"%s\"=\"%s\")", type_name, name ? name : "(null)", value);
+		return true;
+	}
+	if (type->id == SPA_TYPE_Array)
+		return add_array(builder, value, complex_type);
+	if (!add_scalar(builder, *type, value))
+		pw_log_warn("Failed to parse \"%s\"=\"%s\" as %s", name ? name : "(null)", value, type_name);
+	return true;
+}
+
+} // namespace
+
+const hs_schema_type *hs_schema_type_by_name(const char *name)
+{
+	for (const hs_schema_type *type = hs_schema_types; name && type->name; type++) {
+		if (spa_streq(type->name, name))
+			return type;
+	}
+	return nullptr;
+}
+
+const hs_schema_type *hs_schema_type_by_id(uint32_t id)
+{
+	for (const hs_schema_type *type = hs_schema_types; type->name; type++) {
+		if (type->id == id)
+			return type;
+	}
+	return nullptr;
+}
+
+const hs_schema_type *hs_schema_type_by_signature(const char *signature)
+{
+	for (const hs_schema_type *type = hs_schema_types; type->name; type++) {
+		if (spa_streq(type->signature, signature))
+			return type;
+	}
+	return nullptr;
+}
+
+void hs_pod_free(hs_pod *pod)
+{
+	delete pod;
+}
+
+hs_pod_ptr hs_pod_new(const char *title, const char *description, const char *type, const char *value)
+{
+	hs_pod_ptr new_pod{new (std::nothrow) hs_pod{}};
+	HS_ASSERT(new_pod);
+
+	if (title)
+		new_pod->title = title;
+	if (description)
+		new_pod->description = description;
+	if (type)
+		new_pod->type = type;
+	if (value)
+		hs_text_writer{new_pod->value, sizeof(new_pod->value)}.add(cut(value, sizeof(new_pod->value)));
+	return new_pod;
+}
+
+hs_pod_ptr hs_pod_parse(const spa_pod *pod)
+{
+	if (!pod)
+		return nullptr;
+
+	description about;
+	if (!read_description(pod, &about)) {
+		pw_log_warn("Could not parse description POD.");
+		return nullptr;
+	}
+	const hs_schema_type *type = hs_schema_type_by_id(about.value->type);
+	if (!type) {
+		pw_log_warn("Could not parse unknown POD type for %d.", static_cast<int>(about.value->type));
+		return nullptr;
+	}
+
+	hs_pod_ptr parsed;
+	if (type->id == SPA_TYPE_Array) {
+		parsed = hs_pod_new(about.name, about.text, type->name, nullptr);
+		if (!parse_array(parsed.get(), about.value))
+			return nullptr;
+	} else if (type->id == SPA_TYPE_Struct) {
+		parsed = hs_pod_new(about.name, about.text, type->name, nullptr);
+		if (!parse_struct(parsed.get(), about.value))
+			return nullptr;
+	} else {
+		digits buffer;
+		const char *value = scalar_text(type->id, body_of(about.value), about.value->size, buffer);
+		if (!value) {
+			pw_log_warn("Value of %s is malformed", about.name ? about.name : "(null)");
+			return nullptr;
+		}
+		parsed = hs_pod_new(about.name, about.text, type->name, value);
+	}
+	pw_log_trace("Parsed POD %s with type %s.", title_of(*parsed), type->name);
+	return parsed;
+}
+
+const char *hs_pod_value_text(const hs_pod &pod)
+{
+	return pod.type == "array" || pod.type == "struct" ? pod.json : pod.value;
+}
+
+hs_malloc_ptr<spa_pod> hs_pod_build(const char *name, const char *value, const char *type,
+				    const char *complex_type)
+{
+	HS_ASSERT(value);
+
+	hs_pod_buffer buffer;
+	spa_pod_builder builder;
+	spa_pod_frame frame;
+	spa_pod_builder_init(&builder, buffer.data, sizeof(buffer.data));
+	spa_pod_builder_push_struct(&builder, &frame);
+	spa_pod_builder_string(&builder, name);
+	if (!add_value(&builder, name, value, type ? type : infer_type(value), complex_type))
+		return nullptr;
+
+	const void *built = spa_pod_builder_pop(&builder, &frame);
+	if (!built)
+		return nullptr;
+	const size_t size = SPA_POD_SIZE(&frame.pod);
+	hs_malloc_ptr<spa_pod> pod{static_cast<spa_pod *>(std::malloc(size))};
+	HS_ASSERT(pod);
+	std::memcpy(pod.get(), built, size);
+	return pod;
+}
+
+bool hs_pod_value_is_valid(const hs_schema_type &type, const char *value)
+{
+	int32_t word;
+	uint32_t id;
+	int64_t number;
+	float single;
+	double real;
+
+	switch (type.id) {
+	case SPA_TYPE_Bool:
+	case SPA_TYPE_String:
+		return true;
+	case SPA_TYPE_Id:
+		return hs_parse_uint32(value, &id);
+	case SPA_TYPE_Int:
+		return hs_parse_int32(value, &word);
+	case SPA_TYPE_Long:
+		return hs_parse_int64(value, &number);
+	case SPA_TYPE_Float:
+		return hs_parse_float(value, &single);
+	case SPA_TYPE_Double:
+		return hs_parse_double(value, &real);
+	default:
+		return false;
+	}
+}

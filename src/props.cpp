@@ -1,0 +1,150 @@
+#include "props.hpp"
+
+#include <cerrno>
+#include <cstring>
+
+#include <spa/utils/json.h>
+#include <spa/utils/string.h>
+
+#include "assert.hpp"
+#include "log.hpp"
+#include "text-writer.hpp"
+
+namespace {
+
+/** An object text in a table is shorter than this. */
+constexpr size_t OBJECT_SIZE = 1024;
+
+/**
+ * Whether `text` is an object with that "title", or without one where `title` is null. It looks no further
+ * than it must: events are looked up for every audio buffer.
+ */
+bool is_titled(const char *text, const char *title)
+{
+	/* Also keeps "path" and "$schema" out, which may read as a list of keys and values. */
+	if (text[0] != '{')
+		return false;
+
+	spa_json outer;
+	spa_json members;
+	spa_json_init(&outer, text, std::strlen(text));
+	if (spa_json_enter_object(&outer, &members) <= 0)
+		return false;
+
+	char key[OBJECT_SIZE];
+	while (spa_json_get_string(&members, key, sizeof(key)) > 0) {
+		const char *value;
+		const int length = spa_json_next(&members, &value);
+		if (length <= 0)
+			break;
+		if (!spa_streq(key, "title"))
+			continue;
+
+		char found[OBJECT_SIZE];
+		return title && !spa_json_is_container(value, length) &&
+		       spa_json_parse_stringn(value, length, found, sizeof(found)) > 0 && spa_streq(found, title);
+	}
+	return !title;
+}
+
+/** The entry of that title, or null. */
+const spa_dict_item *find_item(const pw_properties *table, const char *title)
+{
+	if (!table)
+		return nullptr;
+
+	const spa_dict_item *item;
+	spa_dict_for_each(item, &table->dict)
+	{
+		if (is_titled(item->value, title))
+			return item;
+	}
+	return nullptr;
+}
+
+bool set_value(pw_properties *table, const char *title, const char *value)
+{
+	const spa_dict_item *item = find_item(table, title);
+	if (!item)
+		return false;
+
+	const hs_properties_ptr object{pw_properties_new_string(item->value)};
+	pw_properties_set(object.get(), "value", value);
+
+	char text[OBJECT_SIZE];
+	if (hs_props_to_json(object.get(), text, sizeof(text)) < 0)
+		return false;
+	pw_properties_set(table, item->key, text);
+	return true;
+}
+
+} // namespace
+
+int hs_props_to_json(const pw_properties *table, char *buffer, size_t size)
+{
+	if (!table)
+		return -ENOENT;
+	if (!buffer)
+		return -ENOSPC;
+
+	hs_text_writer writer{buffer, size};
+	writer.add("{\n");
+
+	const spa_dict_item *item;
+	spa_dict_for_each(item, &table->dict)
+	{
+		writer.add("  \"");
+		writer.add(item->key);
+		if (item->value[0] == '{') {
+			writer.add("\": ");
+			writer.add(item->value);
+			writer.add(",\n");
+		} else {
+			writer.add("\": \"");
+			writer.add_escaped(item->value);
+			writer.add("\",\n");
+		}
+		if (writer.full())
+			return -ENOSPC;
+	}
+	writer.add("\n }");
+	return writer.full() ? -ENOSPC : 0;
+}
+
+void hs_props_add_object(pw_properties *table, std::initializer_list<hs_props_member> members)
+{
+	HS_ASSERT(table);
+
+	const hs_properties_ptr object{pw_properties_new(nullptr, nullptr)};
+	const char *entry = nullptr;
+	for (const hs_props_member &member : members) {
+		if (!member.key || !*member.key || !member.value)
+			continue;
+		if (!entry)
+			entry = member.value;
+		pw_properties_set(object.get(), member.key, member.value);
+	}
+	if (!entry || pw_properties_get(table, entry))
+		return;
+
+	char text[OBJECT_SIZE];
+	if (hs_props_to_json(object.get(), text, sizeof(text)) < 0) {
+		pw_log_warn("%s is left out, it is too long", entry);
+		return;
+	}
+	pw_properties_set(table, entry, text);
+}
+
+void hs_props_set_value(pw_properties *table, const char *title, const char *value)
+{
+	if (!set_value(table, title, value))
+		pw_log_error("Failed to set value %s for props title %s", value ? value : "(null)",
+			     title ? title : "(null)");
+}
+
+hs_properties_ptr hs_props_find(const pw_properties *table, const char *title)
+{
+	const spa_dict_item *item = find_item(table, title);
+
+	return hs_properties_ptr{item ? pw_properties_new_string(item->value) : nullptr};
+}

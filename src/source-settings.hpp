@@ -1,0 +1,27 @@
+/*
+ * The settings of a source.
+ *
+ * The table has "$schema", "path" and, under its lower-cased title, an object text for each setting with
+ * "name", "title", "description", "type", "value" and "defaultValue". It is built when the source is made
+ * and written back to the settings file after every change.
+ */
+#pragma once
+
+#include <cstdint>
+
+struct pw_properties;
+struct hs_plugin_interface;
+struct hs_source;
+
+/** Builds source->settings from the settings file, the configuration's defaults and the plug-in. */
+void hs_source_add_global_settings(hs_source *source, const pw_properties *definition, const char *settings_path);
+
+/**
+ * Lets a new value take effect. With `settings` the table and the file follow; with null only the plug-in
+ * is told. False where the value was not taken.
+ */
+bool hs_source_handle_settings(hs_source *source, pw_properties *settings, const char *name, const char *value,
+			       const char *type);
+
+/** Whether the plug-in's event of that index is a structure with a member "Report". */
+bool hs_source_has_report(hs_plugin_interface *interface, uint32_t index);
