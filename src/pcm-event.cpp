@@ -45,7 +45,8 @@ bool hs_pcm_update_event(hs_source *source, const hs_pod &event, bool *report_ch
 	}
 
 	const char *value = hs_pod_value_text(event);
-	if (!hs_pod_value_is_valid(*type, value)) {
+	const bool is_complex = type->id == SPA_TYPE_Array || type->id == SPA_TYPE_Struct;
+	if (!is_complex && !hs_pod_value_is_valid(*type, value)) {
 		pw_log_warn("Failed to parse \"%s\"=\"%s\" as %s", name, value, type->name);
 		return false;
 	}
