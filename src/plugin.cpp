@@ -1,5 +1,6 @@
 #include "plugin.hpp"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -108,7 +109,7 @@ const hs_plugin_methods &methods_of(const hs_plugin_interface *interface)
 
 int count_descriptions(hs_plugin_interface *interface, get_description get)
 {
-	return get ? get(interface->data, 0, nullptr, nullptr) : -EOPNOTSUPP;
+	return get ? std::min(get(interface->data, 0, nullptr, nullptr), HS_PLUGIN_MAX_DESCRIPTIONS) : -EOPNOTSUPP;
 }
 
 const spa_pod *fetch_description(hs_plugin_interface *interface, get_description get, uint32_t index,

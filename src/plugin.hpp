@@ -66,6 +66,9 @@ int hs_plugin_get_settings(hs_plugin_interface *interface, spa_pod_builder *buil
 int hs_plugin_set_settings(hs_plugin_interface *interface, const spa_pod *settings);
 void hs_plugin_process(hs_plugin_interface *interface, spa_buffer *buffer);
 
+/** More settings or events than this are a plug-in's mistake and are not asked for. */
+inline constexpr int HS_PLUGIN_MAX_DESCRIPTIONS = 1024;
+
 /** Number of settings or events that the plug-in describes; below 1 is none. */
 int hs_plugin_count_settings(hs_plugin_interface *interface);
 int hs_plugin_count_events(hs_plugin_interface *interface);

@@ -236,6 +236,9 @@ void hs_source_add_global_settings(hs_source *source, const pw_properties *defin
 
 	add_enable(source, stored.get());
 	const int n_settings = hs_plugin_count_settings(source->interface);
+	if (n_settings == HS_PLUGIN_MAX_DESCRIPTIONS)
+		pw_log_warn("Plug-in %s has %d settings or more: those beyond are left out", source->plugin->name,
+			    n_settings);
 	for (int i = 0; i < n_settings; ++i)
 		add_plugin_setting(source, static_cast<uint32_t>(i), stored.get());
 	hs_settings_write(source->settings);
