@@ -15,8 +15,6 @@
 
 namespace {
 
-using file_ptr = std::unique_ptr<FILE, hs_release<std::fclose>>;
-
 hs_malloc_ptr<char> make_tmp_path(const char *path)
 {
 	const size_t size = std::strlen(path) + sizeof(".tmp");
@@ -35,7 +33,7 @@ hs_malloc_ptr<char> make_tmp_path(const char *path)
 }
 
 /** Opens the temporary file, which must not be there yet, into `stream`. */
-int open_tmp(const char *tmp, file_ptr *stream)
+int open_tmp(const char *tmp, hs_file_ptr *stream)
 {
 	const int res = unlink(tmp);
 	if (res < 0 && errno != ENOENT) {
@@ -43,23 +41,23 @@ int open_tmp(const char *tmp, file_ptr *stream)
 		return res;
 	}
 
-	const int fd = open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH);
-	if (fd < 0) {
+	hs_fd fd(open(tmp, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH));
+	if (fd.get() < 0) {
 		pw_log_warn("Failed to open tmp file %s: %m", tmp);
-		return fd;
+		return fd.get();
 	}
 
-	stream->reset(fdopen(fd, "w"));
+	stream->reset(fdopen(fd.get(), "w"));
 	if (!*stream) {
 		pw_log_warn("Failed to fdopen tmp file: %m");
-		close(fd);
 		return -1;
 	}
+	fd.release();
 	return 0;
 }
 
 /** Brings what was written onto the disk and closes the stream. */
-int finish_tmp(file_ptr stream)
+int finish_tmp(hs_file_ptr stream)
 {
 	/* A write that failed in the callback has dropped its data: a flush of what is left may well succeed. */
 	if (std::fflush(stream.get()) != 0 || std::ferror(stream.get())) {
@@ -121,7 +119,7 @@ int hs_atomic_file_write(const char *path, hs_atomic_file_write_cb write, void *
 	if (!tmp)
 		return -1;
 
-	file_ptr stream;
+	hs_file_ptr stream;
 	int res = open_tmp(tmp.get(), &stream);
 	if (res < 0)
 		return res;

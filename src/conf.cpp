@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,7 +12,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +21,11 @@
 #include "owned.hpp"
 
 namespace {
+
+constexpr char override_dir[] = "/etc/hear-sense/plugin-confs";
+constexpr size_t config_path_size = 4096;
+/* Nobody writes so much by hand; a sparse file can claim more than there is memory. */
+constexpr off_t max_file_size = 1024 * 1024;
 
 int conf_filter(const dirent *entry)
 {
@@ -65,48 +70,32 @@ std::string check_override(const char *conf_name, const char *path, const char *
 	return std::string{directory} + "/" + conf_name;
 }
 
-/** An open file, closed at the end. */
-class descriptor
-{
-public:
-	explicit descriptor(const char *path) : number{open(path, O_RDONLY | O_CLOEXEC)}
-	{
-	}
-
-	~descriptor()
-	{
-		if (number >= 0)
-			close(number);
-	}
-
-	descriptor(const descriptor &) = delete;
-	descriptor &operator=(const descriptor &) = delete;
-
-	int get() const
-	{
-		return number;
-	}
-
-private:
-	int number;
-};
-
-/** Reads the whole file; false, with errno set, where that cannot be done. */
+/**
+ * Reads the whole file; false, with errno set, where that cannot be done. A FIFO counts as empty, and a file
+ * that shrinks meanwhile ends early: neither may stop the daemon.
+ */
 bool read_text(const char *path, std::string *text)
 {
-	const descriptor file{path};
+	const hs_fd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
 	struct stat status;
 	if (file.get() < 0 || fstat(file.get(), &status) < 0)
 		return false;
-	if (status.st_size < 1)
-		return true;
-
-	const auto size = static_cast<size_t>(status.st_size);
-	void *map = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file.get(), 0);
-	if (map == MAP_FAILED)
+	if (status.st_size > max_file_size) {
+		errno = EFBIG;
 		return false;
-	text->assign(static_cast<const char *>(map), size);
-	munmap(map, size);
+	}
+
+	text->resize(static_cast<size_t>(status.st_size));
+	size_t length = 0;
+	while (length < text->size()) {
+		const ssize_t n = TEMP_FAILURE_RETRY(read(file.get(), text->data() + length, text->size() - length));
+		if (n < 0)
+			return false;
+		if (n == 0)
+			break;
+		length += static_cast<size_t>(n);
+	}
+	text->resize(length);
 	return true;
 }
 
@@ -131,6 +120,14 @@ int write_settings(FILE *stream, void *data)
 }
 
 } // namespace
+
+bool hs_conf_load_config_list(const char *path, pw_properties *config_names)
+{
+	if (!path)
+		return hs_conf_get_configs(HS_CONF_DIR, override_dir, config_names);
+	const std::string directory(path, strnlen(path, config_path_size - 1));
+	return hs_conf_get_configs(directory.c_str(), nullptr, config_names);
+}
 
 bool hs_conf_get_configs(const char *path, const char *override_path, pw_properties *config_names)
 {

@@ -9,6 +9,15 @@
 
 struct pw_properties;
 
+/** Where packages install configurations. */
+inline constexpr char HS_CONF_DIR[] = "/usr/share/hear-sense/plugin-confs";
+
+/**
+ * Lists the installed configurations, or those in the directory `path` where it is not null; see
+ * hs_conf_get_configs.
+ */
+bool hs_conf_load_config_list(const char *path, pw_properties *config_names);
+
 /**
  * Lists the files "*.conf" of `path` in alphabetical order as "config.name.0", "config.name.1", ... in
  * `config_names`, each replaced by the file of the same name in `override_path` where there is one.

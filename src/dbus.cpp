@@ -239,7 +239,9 @@ enum class shared_result { added, present, failed };
 shared_result add_shared_property(hs_source *source, sd_bus *bus, const std::string &path, const char *interface,
 				  const char *signature, const char *name)
 {
-	const int r = register_property(source, bus, path, interface, signature, name, false);
+	/* A property whose value is no object path would make every read of the whole tree fail. */
+	const bool readable = !spa_streq(signature, "o") || sd_bus_object_path_is_valid(source->device_path.c_str());
+	const int r = readable ? register_property(source, bus, path, interface, signature, name, false) : -EINVAL;
 	if (r >= 0)
 		return shared_result::added;
 	if (r == -EEXIST)

@@ -185,6 +185,7 @@ spa_source *add_io(bus_event_data *data)
 	return io;
 }
 
+/** A record that fails leaves nothing behind in the loop. */
 bool bus_event_data_init(bus_event_data *data, sd_bus *bus, bool is_main, hs_loop *loop)
 {
 	*data = {};
@@ -193,13 +194,12 @@ bool bus_event_data_init(bus_event_data *data, sd_bus *bus, bool is_main, hs_loo
 	data->loop = loop;
 	spa_list_init(&data->event_statuses);
 	data->io = add_io(data);
-	if (!data->io)
-		return false;
 	data->timer = pw_loop_add_timer(loop_of(loop), on_timeout, data);
-	if (!data->timer)
-		return false;
 	data->idle = pw_loop_add_idle(loop_of(loop), false, on_idle, data);
-	return data->idle != nullptr;
+	if (data->io && data->timer && data->idle)
+		return true;
+	destroy_loop_sources(data);
+	return false;
 }
 
 /** When a bus wants to be processed next. */
@@ -372,24 +372,20 @@ bool hs_loop_add_bus(hs_loop *loop, sd_bus *bus)
 		pw_log_error("Bus already added");
 		return false;
 	}
-	std::unique_ptr<bus_event_data> bus_event_data(new (std::nothrow) ::bus_event_data);
-	HS_ASSERT(bus_event_data);
-	if (!bus_event_data_init(bus_event_data.get(), bus, false, loop)) {
-		destroy_loop_sources(bus_event_data.get());
+	std::unique_ptr<bus_event_data> data(new (std::nothrow) bus_event_data);
+	HS_ASSERT_TEXT(data, "bus_event_data");
+	if (!bus_event_data_init(data.get(), bus, false, loop))
 		return false;
-	}
-	spa_list_append(&loop->event_data_list, &bus_event_data->link);
-	static_cast<void>(bus_event_data.release());
+	spa_list_append(&loop->event_data_list, &data->link);
+	static_cast<void>(data.release());
 	return true;
 }
 
 int hs_loop_run(hs_loop *loop, sd_bus *bus)
 {
 	bus_event_data main_data;
-	if (!bus_event_data_init(&main_data, bus, true, loop)) {
-		destroy_loop_sources(&main_data);
+	if (!bus_event_data_init(&main_data, bus, true, loop))
 		return -1;
-	}
 	spa_list_append(&loop->event_data_list, &main_data.link);
 
 	spa_hook hook{};
@@ -443,17 +439,16 @@ bool hs_loop_bus_get_event_status(hs_loop *loop, sd_bus *bus, const hs_source *s
 
 void hs_loop_bus_set_event_status(hs_loop *loop, sd_bus *bus, const char *name, hs_source *source, bool enabled)
 {
-	bus_event_data *bus_event_data = find_bus(loop, bus);
-	HS_ASSERT(bus_event_data);
-	event_status *status = find_status(bus_event_data, source, name);
+	bus_event_data *data = find_bus(loop, bus);
+	HS_ASSERT_TEXT(data, "bus_event_data");
+	event_status *status = find_status(data, source, name);
 	if (!status)
-		status = add_status(bus_event_data, source, name);
-	const bool was_enabled = status->enabled;
-	status->enabled = enabled;
-	if (enabled && !was_enabled)
+		status = add_status(data, source, name);
+	if (enabled && !status->enabled)
 		hs_source_inc_consumers(source);
-	else if (!enabled && was_enabled)
+	else if (!enabled && status->enabled)
 		hs_source_dec_consumers(source);
+	status->enabled = enabled;
 }
 
 void hs_loop_remove_event_status(hs_loop *loop, const hs_source *source)

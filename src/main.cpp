@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include <pipewire/pipewire.h>
 
@@ -30,10 +29,7 @@ namespace {
 constexpr char metrics_dir[] = "/etc/hear-sense/metrics/";
 constexpr char schema_dir[] = "/usr/share/hear-sense/plugin-schemas";
 constexpr char settings_dir[] = "/etc/hear-sense/plugin-settings";
-constexpr char conf_dir[] = "/usr/share/hear-sense/plugin-confs";
-constexpr char conf_override_dir[] = "/etc/hear-sense/plugin-confs";
 constexpr char session_bus_variable[] = "HS_USE_SESSION_BUS";
-constexpr size_t config_path_size = 4096;
 
 /** Exit status without any clean-up: the device's rights can not be asked. */
 constexpr int exit_no_rights = -1;
@@ -56,7 +52,7 @@ void print_usage(const char *program)
 	std::printf("%s [options]\n"
 		    "  -h, --help                      Show this help\n"
 		    "  -c, --config-path               Path to load configs (Default %s/)\n",
-		    program, conf_dir);
+		    program, HS_CONF_DIR);
 }
 
 command parse_command_line(int argc, char *argv[], const char **config_path)
@@ -121,40 +117,37 @@ constexpr pw_core_events core_events = [] {
 	return events;
 }();
 
-int connect_pipewire(daemon_parts *parts)
+bool connect_pipewire(daemon_parts *parts)
 {
 	pw_properties *props = pw_properties_new("context.num-data-loops", "0", nullptr);
 	parts->pipewire = pw_context_new(pw_main_loop_get_loop(parts->loop->main_loop), props, 0);
 	if (!parts->pipewire) {
 		pw_log_error("Could not create PipeWire context: %m");
-		return -1;
+		return false;
 	}
 	parts->core = pw_context_connect(parts->pipewire, nullptr, 0);
 	if (!parts->core) {
-		pw_log_error("Could not connect to PipeWire: %m. Is it running, and does PIPEWIRE_RUNTIME_DIR or XDG_RUNTIME_DIR name its directory?");
-		return -1;
+		pw_log_error("Could not connect to PipeWire: %m. It must run before the daemon, in the directory that PIPEWIRE_RUNTIME_DIR or else XDG_RUNTIME_DIR names.");
+		return false;
 	}
 	pw_core_add_listener(parts->core, &parts->core_listener, &core_events, parts->loop);
-	return 0;
+	return true;
 }
 
-bool load_config_list(const char *config_path, pw_properties *configs)
+/** False where the installed configurations can not be listed; a plug-in that does not load is just missing. */
+bool load_plugins(hs_context *context, const char *config_path)
 {
-	if (!config_path)
-		return hs_conf_get_configs(conf_dir, conf_override_dir, configs);
-	const std::string directory(config_path, strnlen(config_path, config_path_size - 1));
-	return hs_conf_get_configs(directory.c_str(), nullptr, configs);
-}
-
-void load_plugins(hs_context *context, const pw_properties *configs)
-{
+	const hs_properties_ptr configs(pw_properties_new(nullptr, nullptr));
+	if (!hs_conf_load_config_list(config_path, configs.get()))
+		return false;
 	void *state = nullptr;
-	while (const char *key = pw_properties_iterate(configs, &state)) {
-		const char *path = pw_properties_get(configs, key);
+	while (const char *key = pw_properties_iterate(configs.get(), &state)) {
+		const char *path = pw_properties_get(configs.get(), key);
 		if (!path)
 			break;
 		hs_plugin_new(context, path, schema_dir, settings_dir);
 	}
+	return true;
 }
 
 /** Offers the service on the bus; a negative errno on failure. */
@@ -178,9 +171,8 @@ int publish_service(sd_bus *bus)
 /** From the open bus to the end of the main loop; a negative result is a failure. */
 int run_daemon(daemon_parts *parts, const char *config_path)
 {
-	const int r = connect_pipewire(parts);
-	if (r < 0)
-		return r;
+	if (!connect_pipewire(parts))
+		return -1;
 	pw_registry *registry = pw_core_get_registry(parts->core, PW_VERSION_REGISTRY, 0);
 	parts->registry = hs_registry_new(registry);
 	sd_bus *bus = parts->bus;
@@ -188,11 +180,8 @@ int run_daemon(daemon_parts *parts, const char *config_path)
 	parts->bus = nullptr;
 	hs_registry_add_listener(context->registry);
 
-	const hs_properties_ptr configs(pw_properties_new(nullptr, nullptr));
-	if (!load_config_list(config_path, configs.get()))
+	if (!load_plugins(context, config_path))
 		return 0;
-	load_plugins(context, configs.get());
-
 	const int published = publish_service(bus);
 	return published < 0 ? published : hs_loop_run(parts->loop, bus);
 }

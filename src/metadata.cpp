@@ -126,6 +126,7 @@ void hs_metadata_setup_listener(hs_metadata *metadata, uint32_t id, const char *
 		return;
 	}
 	metadata->proxy = static_cast<pw_metadata *>(proxy);
+	metadata->id = id;
 	pw_metadata_add_listener(metadata->proxy, &metadata->listener, &metadata_events, metadata);
 }
 

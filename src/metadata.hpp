@@ -18,6 +18,8 @@ struct spa_dict;
 struct hs_metadata {
 	/** Owned; null while unbound. */
 	pw_metadata *proxy;
+	/** Global id of what is bound. */
+	uint32_t id;
 	spa_hook listener;
 	/** Device name to JSON object with "connection_type" and "acoustic_id"; owned. */
 	pw_properties *connections;

@@ -11,6 +11,7 @@
 
 #include <spa/utils/string.h>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "assert.hpp"
@@ -64,11 +65,14 @@ hs_malloc_ptr<char> source_metrics_construct_file_path(const hs_source *source)
  */
 bool read_json_int(const char *path, const char *key, uint32_t *value)
 {
-	const std::unique_ptr<FILE, hs_release<std::fclose>> file{std::fopen(path, "re")};
+	/* A FIFO in the file's place has nothing to read; waiting for its writer would stop the daemon. */
+	hs_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+	const hs_file_ptr file(fd.get() < 0 ? nullptr : fdopen(fd.get(), "r"));
 	if (!file) {
 		pw_log_warn("Failed to open metrics file at path: %s", path);
 		return false;
 	}
+	fd.release();
 	char text[READ_SIZE];
 	const size_t length = std::fread(text, 1, sizeof(text) - 1, file.get());
 	if (length == 0) {

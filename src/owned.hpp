@@ -11,9 +11,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include <pipewire/properties.h>
 #include <systemd/sd-bus.h>
+
+#include <unistd.h>
 
 /** Deleter that calls the C function `Release` and drops its result. */
 template <auto Release>
@@ -29,6 +32,8 @@ using hs_properties_ptr = std::unique_ptr<pw_properties, hs_release<pw_propertie
 using hs_bus_ptr = std::unique_ptr<sd_bus, hs_release<sd_bus_unref>>;
 using hs_message_ptr = std::unique_ptr<sd_bus_message, hs_release<sd_bus_message_unref>>;
 
+using hs_file_ptr = std::unique_ptr<FILE, hs_release<std::fclose>>;
+
 /** Anything that malloc gave. */
 template <typename T>
 using hs_malloc_ptr = std::unique_ptr<T, hs_release<std::free>>;
@@ -38,3 +43,35 @@ inline const char *hs_c_str(const std::optional<std::string> &text)
 {
 	return text ? text->c_str() : nullptr;
 }
+
+/** A file descriptor; negative for none. */
+class hs_fd
+{
+public:
+	explicit hs_fd(int fd) : number(fd)
+	{
+	}
+
+	~hs_fd()
+	{
+		if (number >= 0)
+			close(number);
+	}
+
+	hs_fd(const hs_fd &) = delete;
+	hs_fd &operator=(const hs_fd &) = delete;
+
+	int get() const
+	{
+		return number;
+	}
+
+	/** The caller closes it from now on. */
+	int release()
+	{
+		return std::exchange(number, -1);
+	}
+
+private:
+	int number;
+};

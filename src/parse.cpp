@@ -37,20 +37,6 @@ bool consumed(const char *text, const char *end)
 	return errno == 0 && end != text && *end == '\0';
 }
 
-bool parse_unsigned(const char *text, uint64_t max, uint64_t *value)
-{
-	if (!text)
-		return false;
-
-	char *end;
-	errno = 0;
-	const uint64_t number = std::strtoull(text, &end, 0);
-	if (!consumed(text, end) || number > max)
-		return false;
-	*value = number;
-	return true;
-}
-
 void store_bool(const char *text, void *slot)
 {
 	*static_cast<bool *>(slot) = spa_streq(text, "true") || spa_streq(text, "1");
@@ -153,8 +139,13 @@ private:
 
 bool hs_parse_uint32(const char *text, uint32_t *value)
 {
-	uint64_t number;
-	if (!parse_unsigned(text, UINT32_MAX, &number))
+	if (!text)
+		return false;
+
+	char *end;
+	errno = 0;
+	const unsigned long long number = std::strtoull(text, &end, 0);
+	if (!consumed(text, end) || number > UINT32_MAX)
 		return false;
 	*value = static_cast<uint32_t>(number);
 	return true;

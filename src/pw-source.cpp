@@ -30,6 +30,9 @@ constexpr char source_prefix[] = "source.";
 constexpr char device_prefix[] = "AudioDevice";
 constexpr size_t settings_path_size = 4096;
 
+/* The C library compiles nested groups recursively: some ten thousand of them overflow the stack. */
+constexpr size_t max_pattern_length = 1023;
+
 hs_pw_source *find_by_id(hs_context *context, uint32_t id)
 {
 	hs_pw_source *pw_source;
@@ -77,24 +80,23 @@ bool selects_node(const hs_plugin *plugin, const char *node_name, hs_properties_
 	return !lists_its_nodes && hs_pw_source_matches_pattern(pattern_of(plugin).c_str(), node_name);
 }
 
-void publish_on_bus(hs_source *source, sd_bus *bus, const char *kind)
-{
-	if (!hs_dbus_setup_audio_chain_interface(source, bus))
-		pw_log_error("Could not set up D-Bus Audio Chain interface on %s bus for source '%s'", kind,
-			     source->name.c_str());
-	if (!hs_dbus_setup_source_interface(source, bus))
-		pw_log_error("Could not set up D-Bus Source interface on %s bus for source '%s'", kind,
-			     source->name.c_str());
-}
-
 void publish(hs_context *context, hs_source *source)
 {
-	publish_on_bus(source, context->bus, "system");
+	const char *name = source->name.c_str();
+	if (!hs_dbus_setup_audio_chain_interface(source, context->bus))
+		pw_log_error("Could not set up D-Bus Audio Chain interface on system bus for source '%s'", name);
+	if (!hs_dbus_setup_source_interface(source, context->bus))
+		pw_log_error("Could not set up D-Bus Source interface on system bus for source '%s'", name);
+
 	void *cursor = nullptr;
-	while (sd_bus *bus = hs_loop_bus_iterate(context->loop, &cursor))
-		publish_on_bus(source, bus, "private");
+	while (sd_bus *bus = hs_loop_bus_iterate(context->loop, &cursor)) {
+		if (!hs_dbus_setup_audio_chain_interface(source, bus))
+			pw_log_error("Could not set up D-Bus Audio Chain interface on private bus for source '%s'", name);
+		if (!hs_dbus_setup_source_interface(source, bus))
+			pw_log_error("Could not set up D-Bus Source interface on private bus for source '%s'", name);
+	}
 	if (!hs_dbus_setup_plugin_interfaces(source))
-		pw_log_error("Could not set up D-Bus plugin interfaces for source '%s'", source->name.c_str());
+		pw_log_error("Could not set up D-Bus plugin interfaces for source '%s'", name);
 }
 
 void try_plugin(hs_context *context, hs_plugin *plugin, hs_pw_source *pw_source)
@@ -185,7 +187,7 @@ void forget_node(hs_plugin *plugin, const hs_pw_source *pw_source)
 bool hs_pw_source_matches_pattern(const char *pattern, const char *node_name)
 {
 	regex_t compiled;
-	if (regcomp(&compiled, pattern, REG_EXTENDED) != 0) {
+	if (std::strlen(pattern) > max_pattern_length || regcomp(&compiled, pattern, REG_EXTENDED) != 0) {
 		pw_log_warn("Could not compile pattern");
 		return false;
 	}

@@ -1,6 +1,5 @@
 #include "registry.hpp"
 
-#include <cstring>
 #include <new>
 #include <type_traits>
 
@@ -57,7 +56,7 @@ void registry_event_global_remove(void *data, uint32_t id)
 {
 	hs_metadata *metadata = static_cast<hs_registry *>(data)->metadata;
 	pw_log_debug("Object removed - object: id:%u", id);
-	if (metadata->proxy && pw_proxy_get_bound_id(reinterpret_cast<pw_proxy *>(metadata->proxy)) == id)
+	if (metadata->proxy && metadata->id == id)
 		hs_metadata_unbind(metadata);
 	hs_pw_source_unregister_source(id);
 }
@@ -92,9 +91,7 @@ void hs_registry_destroy(hs_registry **registry)
 	if (!*registry)
 		return;
 	hs_metadata_destroy((*registry)->metadata);
-	/* Start-up may have failed before the listener was added. */
-	if ((*registry)->listener.link.next)
-		spa_hook_remove(&(*registry)->listener);
+	spa_hook_remove(&(*registry)->listener);
 	pw_proxy_destroy(reinterpret_cast<pw_proxy *>((*registry)->registry));
 	delete *registry;
 	*registry = nullptr;
