@@ -41,6 +41,12 @@ const char *event_of(const char *interface)
 	return event_name + 1;
 }
 
+/** Answers with the result of appending the value. */
+int answer(int r, sd_bus_error *error, const char *property, const char *interface, const char *path)
+{
+	return r < 0 ? fail(error, property, interface, path) : r;
+}
+
 bool generate_bool(sd_bus *bus, const hs_source *source, const char *interface, const char *property, bool *value)
 {
 	const hs_plugin *plugin = source->plugin;
@@ -67,38 +73,27 @@ int get_bool(sd_bus *bus, const char *path, const char *interface, const char *p
 				 : generate_bool(bus, source, interface, property, &value);
 	if (!known)
 		return fail(error, property, interface, path);
-	return sd_bus_message_append(reply, "b", value ? 1 : 0);
+	return answer(sd_bus_message_append(reply, "b", value ? 1 : 0), error, property, interface, path);
 }
 
-int get_uint32(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
-	       void *data, sd_bus_error *error)
+template <typename T>
+using fetch_value = int (*)(const pw_properties *, const char *, T *);
+
+/** An integer of the entry; `Type` is its D-Bus type. */
+template <typename T, char Type, fetch_value<T> Fetch>
+int get_integer(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
+		void *data, sd_bus_error *error)
 {
-	uint32_t value = 0;
+	T value = 0;
 	const hs_properties_ptr entry = find_entry(static_cast<const hs_source *>(data), interface, property);
-	if (!entry || pw_properties_fetch_uint32(entry.get(), "value", &value) < 0)
+	if (!entry || Fetch(entry.get(), "value", &value) < 0)
 		return fail(error, property, interface, path);
-	return sd_bus_message_append(reply, "u", value);
+	return answer(sd_bus_message_append_basic(reply, Type, &value), error, property, interface, path);
 }
 
-int get_int32(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
-	      void *data, sd_bus_error *error)
-{
-	int32_t value = 0;
-	const hs_properties_ptr entry = find_entry(static_cast<const hs_source *>(data), interface, property);
-	if (!entry || pw_properties_fetch_int32(entry.get(), "value", &value) < 0)
-		return fail(error, property, interface, path);
-	return sd_bus_message_append(reply, "i", value);
-}
-
-int get_int64(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
-	      void *data, sd_bus_error *error)
-{
-	int64_t value = 0;
-	const hs_properties_ptr entry = find_entry(static_cast<const hs_source *>(data), interface, property);
-	if (!entry || pw_properties_fetch_int64(entry.get(), "value", &value) < 0)
-		return fail(error, property, interface, path);
-	return sd_bus_message_append(reply, "x", value);
-}
+constexpr sd_bus_property_get_t get_uint32 = get_integer<uint32_t, 'u', pw_properties_fetch_uint32>;
+constexpr sd_bus_property_get_t get_int32 = get_integer<int32_t, 'i', pw_properties_fetch_int32>;
+constexpr sd_bus_property_get_t get_int64 = get_integer<int64_t, 'x', pw_properties_fetch_int64>;
 
 int get_float(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
 	      void *data, sd_bus_error *error)
@@ -112,7 +107,7 @@ int get_float(sd_bus *, const char *path, const char *interface, const char *pro
 		pw_log_warn("Failed to parse \"%s\"=\"%s\" as float", property, text ? text : "(null)");
 		return fail(error, property, interface, path);
 	}
-	return sd_bus_message_append(reply, "d", static_cast<double>(value));
+	return answer(sd_bus_message_append(reply, "d", static_cast<double>(value)), error, property, interface, path);
 }
 
 int get_double(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
@@ -127,7 +122,7 @@ int get_double(sd_bus *, const char *path, const char *interface, const char *pr
 		pw_log_warn("Failed to parse \"%s\"=\"%s\" as double", property, text ? text : "(null)");
 		return fail(error, property, interface, path);
 	}
-	return sd_bus_message_append(reply, "d", value);
+	return answer(sd_bus_message_append(reply, "d", value), error, property, interface, path);
 }
 
 struct topic_property {
@@ -180,24 +175,33 @@ int get_string(sd_bus *, const char *path, const char *interface, const char *pr
 {
 	const auto *source = static_cast<const hs_source *>(data);
 	if (const hs_properties_ptr entry = find_entry(source, interface, property))
-		return sd_bus_message_append(reply, "s", pw_properties_get(entry.get(), "value"));
+		return answer(sd_bus_message_append(reply, "s", pw_properties_get(entry.get(), "value")), error, property,
+			      interface, path);
 	const std::optional<std::string> text = generate_string(source, interface, property);
 	if (!text)
 		return fail(error, property, interface, path);
-	return sd_bus_message_append(reply, "s", text->c_str());
+	return answer(sd_bus_message_append(reply, "s", text->c_str()), error, property, interface, path);
+}
+
+/** The path that the property points to; null where there is none. */
+const char *find_object_path(const hs_source *source, const char *interface, const char *property)
+{
+	const bool of_instance = spa_strstartswith(interface, HS_DBUS_EVENTS_PREFIX) ||
+				 spa_streq(interface, HS_DBUS_INSTANCE_INTERFACE);
+	if (of_instance && spa_streq(property, "Source"))
+		return source->node_path.c_str();
+	if (spa_streq(interface, HS_DBUS_SOURCE_INTERFACE) && spa_streq(property, "AudioChain"))
+		return source->device_path.c_str();
+	return nullptr;
 }
 
 int get_object_path(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
 		    void *data, sd_bus_error *error)
 {
-	const auto *source = static_cast<const hs_source *>(data);
-	const bool of_instance = spa_strstartswith(interface, HS_DBUS_EVENTS_PREFIX) ||
-				 spa_streq(interface, HS_DBUS_INSTANCE_INTERFACE);
-	if (of_instance && spa_streq(property, "Source"))
-		return sd_bus_message_append(reply, "o", source->node_path.c_str());
-	if (spa_streq(interface, HS_DBUS_SOURCE_INTERFACE) && spa_streq(property, "AudioChain"))
-		return sd_bus_message_append(reply, "o", source->device_path.c_str());
-	return fail(error, property, interface, path);
+	const char *target = find_object_path(static_cast<const hs_source *>(data), interface, property);
+	if (!target)
+		return fail(error, property, interface, path);
+	return answer(sd_bus_message_append(reply, "o", target), error, property, interface, path);
 }
 
 /* sd_bus_message_append_array takes neither booleans of one byte nor strings. */
@@ -219,7 +223,6 @@ int append_strings(sd_bus_message *reply, char *const *values, uint32_t count)
 
 int append_array(sd_bus_message *reply, const char *text, const char *complex_type)
 {
-	constexpr uint32_t string_slot_size = 1024;
 	const size_t length = std::strlen(text);
 	const uint32_t count = hs_parse_array_count(text, length);
 	void *buffer = nullptr;
@@ -231,7 +234,7 @@ int append_array(sd_bus_message *reply, const char *text, const char *complex_ty
 		return append_bools(reply, static_cast<const bool *>(buffer), size);
 	if (spa_streq(complex_type, "as")) {
 		auto *strings = static_cast<char **>(buffer);
-		const uint32_t n_strings = size / string_slot_size;
+		const uint32_t n_strings = size / HS_PARSE_TEXT_SIZE;
 		const int r = append_strings(reply, strings, n_strings);
 		for (uint32_t i = 0; i < n_strings; ++i)
 			hs_malloc_ptr<char>(strings[i]).reset();
@@ -268,15 +271,11 @@ int warn_unparsable(const char *value, char type)
 /** Appends nothing, after a warning, where the text is no value of that type. */
 int append_variant(sd_bus_message *reply, char type, const char *value)
 {
-	if (!std::strchr("buixfds", type) || type == '\0') {
-		pw_log_warn("Unkown type in struct %c", type);
-		return 0;
-	}
-	if (value[0] == '\0')
-		return warn_unparsable(value, type);
-
+	const bool is_empty = value[0] == '\0';
 	switch (type) {
 	case 'b':
+		if (is_empty)
+			return warn_unparsable(value, type);
 		return check_step(sd_bus_message_append(reply, "v", "b", spa_streq(value, "true") ? 1 : 0),
 				  "Unable to open append bool variant");
 	case 'u': {
@@ -310,8 +309,13 @@ int append_variant(sd_bus_message *reply, char type, const char *value)
 			return warn_unparsable(value, type);
 		return check_step(sd_bus_message_append(reply, "v", "d", number), "Unable to open append double variant");
 	}
-	default:
+	case 's':
+		if (is_empty)
+			return warn_unparsable(value, type);
 		return check_step(sd_bus_message_append(reply, "v", "s", value), "Unable to open append string variant");
+	default:
+		pw_log_warn("Unkown type in struct %c", type);
+		return 0;
 	}
 }
 

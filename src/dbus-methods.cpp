@@ -15,10 +15,7 @@
 
 namespace {
 
-/*
- * The comma between the members is missing, and has been for so long that clients know the text: the
- * parser of properties reads it all the same.
- */
+/* There is no comma between the members: the parser of properties takes them without. */
 constexpr char triggered_value[] = "{\n  \"Detected\": \"true\"\n  \"Report\": \"true\"\n}";
 
 constexpr char trigger_suffix[] = ".Methods";

@@ -163,25 +163,30 @@ void add_event_properties(hs_source *source, sd_bus *bus, const std::string &int
 			     property.writable);
 }
 
-void add_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
+/** Registers an event with its fixed properties; a negative result is the event's own. */
+int register_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
 {
 	const int r = add_entry(source, bus, interface, event, hs_dbus_cb_property_emits_change);
+	if (r >= 0)
+		add_event_properties(source, bus, interface);
+	return r;
+}
+
+void add_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
+{
+	const int r = register_event(source, bus, interface, event);
 	if (r < 0)
 		pw_log_error("Failed to setup dbus event %s, %s, %s with error: %s", source->object_path.c_str(),
 			     interface.c_str(), pw_properties_get(event, "title"), std::strerror(-r));
-	else
-		add_event_properties(source, bus, interface);
 }
 
 void add_private_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
 {
-	const int r = add_entry(source, bus, interface, event, hs_dbus_cb_property_emits_change);
+	const int r = register_event(source, bus, interface, event);
 	if (r < 0)
 		pw_log_error("Failed to setup private dbus event: %s, %s, %s with error: %s",
 			     source->object_path.c_str(), interface.c_str(), pw_properties_get(event, "title"),
 			     std::strerror(-r));
-	else
-		add_event_properties(source, bus, interface);
 }
 
 /** Publishes one event where it belongs; false where its trigger can not be. */

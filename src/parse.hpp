@@ -16,6 +16,9 @@ bool hs_parse_int64(const char *text, int64_t *value);
 bool hs_parse_float(const char *text, float *value);
 bool hs_parse_double(const char *text, double *value);
 
+/** Told size of a text element in a packed array; the slot itself holds a pointer. */
+inline constexpr uint32_t HS_PARSE_TEXT_SIZE = 1024;
+
 /** How many elements hs_parse_array finds in the JSON array `text` of `length` bytes. */
 uint32_t hs_parse_array_count(const char *text, size_t length);
 
@@ -25,7 +28,7 @@ uint32_t hs_parse_array_count(const char *text, size_t length);
  *
  *   "ab"  bool, 1 byte        "au"  uint32_t     "ai"  int32_t     "ax"  int64_t     "ad"  double
  *   "as"  char *, each freed by the caller too; the pointers lie side by side, but the buffer and
- *         `*out_size` have 1024 bytes an element
+ *         `*out_size` have HS_PARSE_TEXT_SIZE bytes an element
  *
  * `*out_size` is the size in bytes of the elements found. An element that is no number is 0 and warned of.
  * Any other type is warned of, gives size 0 and leaves `*out` untouched.

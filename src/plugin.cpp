@@ -19,6 +19,7 @@
 #include "pcm-event.hpp"
 #include "pod.hpp"
 #include "source.hpp"
+#include "utf8.hpp"
 
 static_assert(std::is_standard_layout_v<hs_plugin>);
 
@@ -29,6 +30,8 @@ constexpr char conf_suffix[] = ".conf";
 /** The daemon's block behind an interface's host_data. */
 struct host_data {
 	hs_source *source;
+	/** A notification is being served: the plug-in's get_event may not notify in turn. */
+	bool serving;
 };
 
 /** The base name without ".conf"; null where the file's last "." does not begin exactly that. */
@@ -94,9 +97,12 @@ void on_notify_event(hs_plugin_interface *interface, uint32_t index)
 {
 	if (!interface || !interface->host_data)
 		return;
-	hs_source *source = static_cast<host_data *>(interface->host_data)->source;
-	if (source && source->pcm)
-		hs_pcm_handle_event(source->pcm, index, false);
+	auto *data = static_cast<host_data *>(interface->host_data);
+	if (data->serving || !data->source || !data->source->pcm)
+		return;
+	data->serving = true;
+	hs_pcm_handle_event(data->source->pcm, index, false);
+	data->serving = false;
 }
 
 using get_description = int (*)(void *, uint32_t, spa_pod **, spa_pod_builder *);
@@ -146,7 +152,7 @@ std::string schema_file(const hs_plugin *plugin, const char *file)
 		return "";
 	char path[4096];
 	std::snprintf(path, sizeof(path), "%s/%s", plugin->schema_path, file);
-	return path;
+	return hs_utf8_repair(path);
 }
 
 const char *last_element(const char *dotted)
@@ -171,7 +177,7 @@ const hs_event_info *find_event(const hs_plugin *plugin, const char *event_inter
 
 std::string text_or_empty(const char *text)
 {
-	return text ? text : "";
+	return text ? hs_utf8_repair(text) : "";
 }
 
 } // namespace

@@ -6,10 +6,8 @@
 #include <cstring>
 #include <new>
 #include <string_view>
-#include <vector>
 
 #include <spa/param/props.h>
-#include <spa/pod/builder.h>
 #include <spa/pod/pod.h>
 #include <spa/utils/string.h>
 
@@ -17,29 +15,24 @@
 #include "log.hpp"
 #include "parse.hpp"
 #include "text-writer.hpp"
+#include "utf8.hpp"
 
 const hs_schema_type hs_schema_types[] = {
-	{"boolean", SPA_TYPE_Bool, "b"},
-	{"uint32", SPA_TYPE_Id, "u"},
-	{"int32", SPA_TYPE_Int, "i"},
-	{"int64", SPA_TYPE_Long, "x"},
-	{"float", SPA_TYPE_Float, "f"},
-	{"double", SPA_TYPE_Double, "d"},
-	{"string", SPA_TYPE_String, "s"},
-	{"array", SPA_TYPE_Array, "a"},
-	{"struct", SPA_TYPE_Struct, "()"},
-	{nullptr, 0, nullptr},
+        {"boolean", SPA_TYPE_Bool, "b"},   {"uint32", SPA_TYPE_Id, "u"},
+        {"int32", SPA_TYPE_Int, "i"},      {"int64", SPA_TYPE_Long, "x"},
+        {"float", SPA_TYPE_Float, "f"},    {"double", SPA_TYPE_Double, "d"},
+        {"string", SPA_TYPE_String, "s"},  {"array", SPA_TYPE_Array, "a"},
+        {"struct", SPA_TYPE_Struct, "()"}, {nullptr, 0, nullptr},
 };
 
-namespace {
+namespace
+{
 
 /** Largest value that a description may have, in bytes. */
 constexpr uint32_t MAX_VALUE_SIZE = 0xfffff;
 
 /** Room for any number in decimal: 309 digits before the point, 6 behind it, sign and terminator. */
 using digits = char[320];
-
-/* Reading PODs of plug-ins. */
 
 struct description {
 	const char *name;
@@ -142,6 +135,15 @@ std::string_view cut(std::string_view text, size_t size)
 	return text.substr(0, n);
 }
 
+/** The text itself, or where the bus would not take it a repaired copy, kept in `copy`. */
+const char *valid_text(const char *text, std::string *copy)
+{
+	if (hs_utf8_is_valid(text))
+		return text;
+	*copy = hs_utf8_repair(text);
+	return copy->c_str();
+}
+
 /** For log lines. */
 const char *title_of(const hs_pod &pod)
 {
@@ -153,7 +155,8 @@ class pod_walk
 {
 public:
 	explicit pod_walk(const spa_pod *parent)
-		: at{static_cast<const uint8_t *>(body_of(parent))}, left{parent->size}
+	    : at{static_cast<const uint8_t *>(body_of(parent))}
+	    , left{parent->size}
 	{
 	}
 
@@ -240,7 +243,7 @@ const char *array_signature(uint32_t element_type)
 bool parse_array(hs_pod *pod, const spa_pod *value)
 {
 	if (value->size < sizeof(spa_pod_array_body)) {
-		pw_log_warn("Array %s is malformed", title_of(*pod));
+		pw_log_debug("Array %s is malformed", title_of(*pod));
 		return false;
 	}
 	const auto *body = static_cast<const spa_pod_array_body *>(body_of(value));
@@ -255,21 +258,23 @@ bool parse_array(hs_pod *pod, const spa_pod *value)
 	hs_text_writer json{pod->json, sizeof(pod->json)};
 	json.add("[ ");
 	for (uint32_t i = 0; signature && i < pod->n_elements && !json.full(); i++) {
-		const auto *element = static_cast<const uint8_t *>(pod->elements) + size_t{i} * pod->element_size;
+		const auto *element =
+		        static_cast<const uint8_t *>(pod->elements) + size_t{i} * pod->element_size;
 		digits buffer;
 		const char *text = scalar_text(pod->element_type, element, pod->element_size, buffer);
 		if (!text) {
-			pw_log_warn("Array %s is malformed", title_of(*pod));
+			pw_log_debug("Array %s is malformed", title_of(*pod));
 			return false;
 		}
-		json.add(text);
+		std::string copy;
+		json.add(valid_text(text, &copy));
 		json.add(", ");
 	}
 	json.replace_last(2, " ]");
 
 	hs_text_writer{pod->signature, sizeof(pod->signature)}.add(signature ? signature : "N/A");
 	if (json.full()) {
-		pw_log_warn("Array %s is too long", title_of(*pod));
+		pw_log_debug("Array %s is too long", title_of(*pod));
 		return false;
 	}
 	return true;
@@ -280,16 +285,18 @@ bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json
 {
 	const char *name = key ? text_of(key) : nullptr;
 	digits buffer;
-	const char *text = name && value ? scalar_text(value->type, body_of(value), value->size, buffer) : nullptr;
+	const char *text =
+	        name && value ? scalar_text(value->type, body_of(value), value->size, buffer) : nullptr;
 	if (!text) {
 		pw_log_warn("Failed to parse simple type '%s' in %s.", "NULL", name ? name : "(null)");
 		return false;
 	}
 
+	std::string copy;
 	json->add("  \"");
-	json->add_escaped(name);
+	json->add_escaped(valid_text(name, &copy));
 	json->add("\": \"");
-	json->add_escaped(cut(text, sizeof(hs_pod::value)));
+	json->add_escaped(cut(valid_text(text, &copy), sizeof(hs_pod::value)));
 	json->add("\",\n");
 	signature->add(value->type == SPA_TYPE_Float ? "d" : hs_schema_type_by_id(value->type)->signature);
 	return true;
@@ -311,7 +318,8 @@ bool parse_struct(hs_pod *pod, const spa_pod *params)
 		const spa_pod *key = walk.next();
 		const spa_pod *value = walk.next();
 		if (!parse_member(key, value, &json, &signature)) {
-			pw_log_warn("Could not parse struct POD type for %d.", static_cast<int>(params->type));
+			pw_log_warn("Could not parse struct POD type for %d.",
+			            static_cast<int>(params->type));
 			return false;
 		}
 		if (json.full())
@@ -322,151 +330,9 @@ bool parse_struct(hs_pod *pod, const spa_pod *params)
 
 	/* The text of a member is longer than its code, so the signature is whole where the text is. */
 	if (json.full()) {
-		pw_log_warn("Structure %s is too long", title_of(*pod));
+		pw_log_debug("Structure %s is too long", title_of(*pod));
 		return false;
 	}
-	return true;
-}
-
-/* Building the PODs that plug-ins take. */
-
-const char *infer_type(const char *value)
-{
-	if (spa_streq(value, "true") || spa_streq(value, "false"))
-		return "boolean";
-
-	int64_t number;
-	if (hs_parse_int64(value, &number)) {
-		if (number >= 0 && number <= UINT32_MAX)
-			return "uint32";
-		return number >= INT32_MIN && number <= INT32_MAX ? "int32" : "int64";
-	}
-
-	float real;
-	return hs_parse_float(value, &real) ? "float" : "string";
-}
-
-/** Adds a scalar; false where `value` is no text of that type. */
-bool add_scalar(spa_pod_builder *builder, const hs_schema_type &type, const char *value)
-{
-	uint32_t id;
-	int32_t word;
-	int64_t number;
-	float single;
-	double real;
-
-	switch (type.id) {
-	case SPA_TYPE_Bool:
-		if (!spa_streq(value, "true") && !spa_streq(value, "false"))
-			return false;
-		spa_pod_builder_bool(builder, spa_streq(value, "true"));
-		return true;
-	case SPA_TYPE_Id:
-		if (!hs_parse_uint32(value, &id))
-			return false;
-		spa_pod_builder_id(builder, id);
-		return true;
-	case SPA_TYPE_Int:
-		if (!hs_parse_int32(value, &word))
-			return false;
-		spa_pod_builder_int(builder, word);
-		return true;
-	case SPA_TYPE_Long:
-		if (!hs_parse_int64(value, &number))
-			return false;
-		spa_pod_builder_long(builder, number);
-		return true;
-	case SPA_TYPE_Float:
-		if (!hs_parse_float(value, &single))
-			return false;
-		spa_pod_builder_float(builder, single);
-		return true;
-	case SPA_TYPE_Double:
-		if (!hs_parse_double(value, &real))
-			return false;
-		spa_pod_builder_double(builder, real);
-		return true;
-	case SPA_TYPE_String:
-		spa_pod_builder_string(builder, value);
-		return true;
-	default:
-		HS_UNREACHABLE();
-	}
-}
-
-/** Adds `n` elements that lie side by side; false where they cannot fit into any POD of ours. */
-bool add_elements(spa_pod_builder *builder, uint32_t size, uint32_t type, size_t n, const void *elements)
-{
-	if (n > hs_pod_buffer::size / size)
-		return false;
-	spa_pod_builder_array(builder, size, type, static_cast<uint32_t>(n), elements);
-	return true;
-}
-
-bool add_booleans(spa_pod_builder *builder, const bool *booleans, size_t n)
-{
-	/* A boolean in a POD is a word wide. */
-	const std::vector<int32_t> words(booleans, booleans + n);
-
-	return add_elements(builder, sizeof(int32_t), SPA_TYPE_Bool, n, words.data());
-}
-
-/** Takes the texts over. */
-bool add_strings(spa_pod_builder *builder, char *const *strings, size_t n)
-{
-	const std::vector<hs_malloc_ptr<char>> texts(strings, strings + n);
-
-	/* Elements of an array are all as wide as the longest. */
-	size_t width = 0;
-	for (const auto &text : texts)
-		width = std::max(width, std::strlen(text.get()) + 1);
-	if (n > hs_pod_buffer::size / width)
-		return false;
-
-	std::vector<char> children(n * width);
-	for (size_t i = 0; i < n; i++)
-		std::strcpy(&children[i * width], texts[i].get());
-	return add_elements(builder, static_cast<uint32_t>(width), SPA_TYPE_String, n, children.data());
-}
-
-/** Adds the JSON array `value`, nothing where it has no elements; false where it cannot fit. */
-bool add_array(spa_pod_builder *builder, const char *value, const char *complex_type)
-{
-	const size_t length = std::strlen(value);
-	const uint32_t n = hs_parse_array_count(value, length);
-	void *elements = nullptr;
-	uint32_t size;
-	hs_parse_array(value, length, n, &elements, complex_type, &size);
-	const hs_malloc_ptr<void> owner{elements};
-	if (size == 0)
-		return true;
-
-	const hs_schema_type *type = hs_schema_type_by_signature(complex_type + 1);
-	HS_ASSERT(type);
-	switch (type->id) {
-	case SPA_TYPE_Bool:
-		return add_booleans(builder, static_cast<const bool *>(elements), n);
-	case SPA_TYPE_String:
-		return add_strings(builder, static_cast<char *const *>(elements), n);
-	default:
-		return add_elements(builder, size / n, type->id, n, elements);
-	}
-}
-
-/** Adds the value, nothing where the text does not fit the type; false where it cannot fit into the POD. */
-bool add_value(spa_pod_builder *builder, const char *name, const char *value, const char *type_name,
-	       const char *complex_type)
-{
-	const hs_schema_type *type = hs_schema_type_by_name(type_name);
-
-	if (!type || type->id == SPA_TYPE_Struct) {
-		pw_log_warn("Unsupported type '%s' (\"%s\"=\"%s\")", type_name, name ? name : "(null)", value);
-		return true;
-	}
-	if (type->id == SPA_TYPE_Array)
-		return add_array(builder, value, complex_type);
-	if (!add_scalar(builder, *type, value))
-		pw_log_warn("Failed to parse \"%s\"=\"%s\" as %s", name ? name : "(null)", value, type_name);
 	return true;
 }
 
@@ -509,14 +375,16 @@ hs_pod_ptr hs_pod_new(const char *title, const char *description, const char *ty
 	hs_pod_ptr new_pod{new (std::nothrow) hs_pod{}};
 	HS_ASSERT(new_pod);
 
+	std::string copy;
 	if (title)
-		new_pod->title = title;
+		new_pod->title = valid_text(title, &copy);
 	if (description)
-		new_pod->description = description;
+		new_pod->description = valid_text(description, &copy);
 	if (type)
 		new_pod->type = type;
 	if (value)
-		hs_text_writer{new_pod->value, sizeof(new_pod->value)}.add(cut(value, sizeof(new_pod->value)));
+		hs_text_writer{new_pod->value, sizeof(new_pod->value)}.add(
+		        cut(valid_text(value, &copy), sizeof(new_pod->value)));
 	return new_pod;
 }
 
@@ -527,7 +395,7 @@ hs_pod_ptr hs_pod_parse(const spa_pod *pod)
 
 	description about;
 	if (!read_description(pod, &about)) {
-		pw_log_warn("Could not parse description POD.");
+		pw_log_debug("Could not parse description POD.");
 		return nullptr;
 	}
 	const hs_schema_type *type = hs_schema_type_by_id(about.value->type);
@@ -549,7 +417,7 @@ hs_pod_ptr hs_pod_parse(const spa_pod *pod)
 		digits buffer;
 		const char *value = scalar_text(type->id, body_of(about.value), about.value->size, buffer);
 		if (!value) {
-			pw_log_warn("Value of %s is malformed", about.name ? about.name : "(null)");
+			pw_log_debug("Value of %s is malformed", about.name ? about.name : "(null)");
 			return nullptr;
 		}
 		parsed = hs_pod_new(about.name, about.text, type->name, value);
@@ -561,30 +429,6 @@ hs_pod_ptr hs_pod_parse(const spa_pod *pod)
 const char *hs_pod_value_text(const hs_pod &pod)
 {
 	return pod.type == "array" || pod.type == "struct" ? pod.json : pod.value;
-}
-
-hs_malloc_ptr<spa_pod> hs_pod_build(const char *name, const char *value, const char *type,
-				    const char *complex_type)
-{
-	HS_ASSERT(value);
-
-	hs_pod_buffer buffer;
-	spa_pod_builder builder;
-	spa_pod_frame frame;
-	spa_pod_builder_init(&builder, buffer.data, sizeof(buffer.data));
-	spa_pod_builder_push_struct(&builder, &frame);
-	spa_pod_builder_string(&builder, name);
-	if (!add_value(&builder, name, value, type ? type : infer_type(value), complex_type))
-		return nullptr;
-
-	const void *built = spa_pod_builder_pop(&builder, &frame);
-	if (!built)
-		return nullptr;
-	const size_t size = SPA_POD_SIZE(&frame.pod);
-	hs_malloc_ptr<spa_pod> pod{static_cast<spa_pod *>(std::malloc(size))};
-	HS_ASSERT(pod);
-	std::memcpy(pod.get(), built, size);
-	return pod;
 }
 
 bool hs_pod_value_is_valid(const hs_schema_type &type, const char *value)

@@ -10,7 +10,8 @@
 #include "log.hpp"
 #include "text-writer.hpp"
 
-namespace {
+namespace
+{
 
 /** An object text in a table is shorter than this. */
 constexpr size_t OBJECT_SIZE = 1024;
@@ -21,13 +22,10 @@ constexpr size_t OBJECT_SIZE = 1024;
  */
 bool is_titled(const char *text, const char *title)
 {
-	/* Also keeps "path" and "$schema" out, which may read as a list of keys and values. */
-	if (text[0] != '{')
-		return false;
-
 	spa_json outer;
 	spa_json members;
 	spa_json_init(&outer, text, std::strlen(text));
+	/* "path" and "$schema" are no objects, though they may well read as a list of keys and values. */
 	if (spa_json_enter_object(&outer, &members) <= 0)
 		return false;
 
@@ -42,7 +40,8 @@ bool is_titled(const char *text, const char *title)
 
 		char found[OBJECT_SIZE];
 		return title && !spa_json_is_container(value, length) &&
-		       spa_json_parse_stringn(value, length, found, sizeof(found)) > 0 && spa_streq(found, title);
+		       spa_json_parse_stringn(value, length, found, sizeof(found)) > 0 &&
+		       spa_streq(found, title);
 	}
 	return !title;
 }
@@ -53,7 +52,11 @@ const spa_dict_item *find_item(const pw_properties *table, const char *title)
 	if (!table)
 		return nullptr;
 
-	const spa_dict_item *item;
+	/* Events are kept under their titles: for them the walk, which parses what it passes, can be spared.
+	 */
+	const spa_dict_item *item = title ? spa_dict_lookup_item(&table->dict, title) : nullptr;
+	if (item && is_titled(item->value, title))
+		return item;
 	spa_dict_for_each(item, &table->dict)
 	{
 		if (is_titled(item->value, title))
@@ -139,7 +142,7 @@ void hs_props_set_value(pw_properties *table, const char *title, const char *val
 {
 	if (!set_value(table, title, value))
 		pw_log_error("Failed to set value %s for props title %s", value ? value : "(null)",
-			     title ? title : "(null)");
+		             title ? title : "(null)");
 }
 
 hs_properties_ptr hs_props_find(const pw_properties *table, const char *title)

@@ -203,26 +203,21 @@ bool find_number(const spa_pod *pod, const char *name, int64_t *number, int dept
 	return false;
 }
 
-/** The counter is the plug-in's own; it is asked for and given back one higher. */
-hs_malloc_ptr<spa_pod> build_next_count(hs_source *source, const char *name)
+/** The counter is the plug-in's own: its value one higher as text, empty where the plug-in has none. */
+std::string next_count(hs_source *source, const char *name)
 {
 	constexpr int max_depth = 4;
 	hs_pod_buffer buffer;
 	spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer.data, static_cast<uint32_t>(sizeof(buffer.data)));
 	if (hs_plugin_get_settings(source->interface, &builder) < 0)
-		return nullptr;
+		return "";
 
 	const auto *settings = static_cast<const spa_pod *>(
 		spa_pod_from_data(buffer.data, sizeof(buffer.data), 0, builder.state.offset));
 	int64_t count = 0;
 	if (!settings || !find_number(settings, name, &count, max_depth))
-		return nullptr;
-
-	const std::string value = std::to_string(static_cast<int64_t>(static_cast<uint64_t>(count) + 1));
-	hs_malloc_ptr<spa_pod> pod = hs_pod_build(name, value.c_str(), "int64", nullptr);
-	if (pod)
-		pw_log_debug("%s counter is now %s", name, value.c_str());
-	return pod;
+		return "";
+	return std::to_string(static_cast<int64_t>(static_cast<uint64_t>(count) + 1));
 }
 
 } // namespace
@@ -265,16 +260,18 @@ bool hs_source_handle_settings(hs_source *source, pw_properties *settings, const
 		return true;
 	}
 
-	hs_malloc_ptr<spa_pod> pod;
+	std::string count;
 	if (spa_streq(name, transient_name)) {
-		pod = build_next_count(source, name);
-		if (!pod) {
+		count = next_count(source, name);
+		if (count.empty()) {
 			pw_log_debug("No IndicateTransientAudioDisturbance counter to update");
 			return true;
 		}
-	} else {
-		pod = hs_pod_build(name, value, type, nullptr);
+		pw_log_debug("%s counter is now %s", name, count.c_str());
+		value = count.c_str();
+		type = "int64";
 	}
+	const hs_malloc_ptr<spa_pod> pod = hs_pod_build(name, value, type, nullptr);
 	if (!pod || hs_plugin_set_settings(source->interface, pod.get()) < 0)
 		return false;
 	if (settings) {

@@ -72,7 +72,7 @@ void add_events(hs_source *source)
 	source->event_interfaces.resize(static_cast<size_t>(n_events));
 }
 
-/** Title of the event at `position` in the table's order; advances `state`. Null at the end. */
+/** The next event of the table, null at the end; `*state` is null to begin with. */
 hs_properties_ptr next_event(const hs_source *source, void **state)
 {
 	const char *key = source->events ? pw_properties_iterate(source->events, state) : nullptr;

@@ -149,7 +149,10 @@ struct hs_plugin_interface {
 	const struct hs_event_info *const *events;
 	uint64_t n_events;
 
-	/** Written by the daemon: tells it that event `index` has a new value. */
+	/**
+	 * Written by the daemon: tells it that event `index` has a new value. The daemon calls get_event
+	 * before this returns; what get_event itself notifies meanwhile is dropped.
+	 */
 	void (*notify_event)(struct hs_plugin_interface *interface, uint32_t index);
 	/** Written by the daemon and its own. */
 	void *host_data;
