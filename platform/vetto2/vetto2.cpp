@@ -241,7 +241,8 @@ std::optional<std::string> read_file(const file_stamp &stamp)
 
 void complain(rights_store &fresh, const std::string &complaint)
 {
-	if (std::find(store->complaints.begin(), store->complaints.end(), complaint) == store->complaints.end())
+	if (std::find(store->complaints.begin(), store->complaints.end(), complaint) ==
+	    store->complaints.end())
 		pw_log_error("%s, so the file grants nothing", complaint.c_str());
 	fresh.complaints.push_back(complaint);
 }
@@ -271,8 +272,8 @@ std::error_code look(std::vector<file_stamp> &stamps)
 		const std::filesystem::path &path = entry->path();
 		if (fnmatch("*.conf", path.filename().c_str(), FNM_PERIOD) != 0)
 			continue;
-		/* A link that leads nowhere stays, with an empty stamp, to be complained of when it is opened. */
-		struct stat status{};
+		/* A link that leads nowhere stays, with an empty stamp, and fails when it is opened. */
+		struct stat status = {};
 		if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
 			continue;
 		stamps.push_back({path, status.st_dev, status.st_ino, status.st_size, to_ns(status.st_ctim)});
