@@ -1,0 +1,197 @@
+"""The daemon under test, in a mount namespace of its own.
+
+The namespace lays the test's folders over /etc/hear-sense, /usr/share/hear-sense and /etc/vetto2, so that
+the very binary that ships is tested with its fixed paths. These mount points need not exist on the machine:
+a tmpfs covers /etc and /usr/share and holds only what the daemon needs of the real ones.
+"""
+
+import os
+import re
+import select
+import shlex
+import shutil
+import signal
+
+from .process import SCALE, Process, wait_until
+from .servers import base_environment, system_spa_dir
+
+KEPT_ETC = ("passwd", "group", "nsswitch.conf", "ld.so.cache", "ld.so.conf", "ld.so.conf.d", "localtime", "pipewire")
+KEPT_SHARE = ("pipewire", "zoneinfo")
+
+SANITIZER_REPORTS = ("AddressSanitizer", "LeakSanitizer", "UndefinedBehaviorSanitizer", "runtime error:")
+
+#: What the wrapper valgrind exits with when it has found something.
+WRAPPER_FAILURE = 97
+
+
+class UnexpectedEnd(AssertionError):
+    """The daemon died, or it did not end as it should."""
+
+
+def _mounts(stage):
+    return (
+        (stage.etc, "/etc/hear-sense"),
+        (stage.share, "/usr/share/hear-sense"),
+        (stage.rights, "/etc/vetto2"),
+    )
+
+
+def _kept():
+    for folder, names in (("/etc", KEPT_ETC), ("/usr/share", KEPT_SHARE)):
+        for name in names:
+            path = f"{folder}/{name}"
+            if os.path.exists(path):
+                yield path
+
+
+def _as_root(stage, argv):
+    """unshare and mount: the process that is started becomes the daemon itself."""
+    real = stage.folder / "real"
+    lines = ["set -e"]
+    for folder in ("/etc", "/usr/share"):
+        aside = real / folder.strip("/")
+        aside.mkdir(parents=True, exist_ok=True)
+        lines += [f"mount --bind {folder} {shlex.quote(str(aside))}", f"mount -t tmpfs -o mode=755 tmpfs {folder}"]
+    for path in _kept():
+        if os.path.isdir(path):
+            source = shlex.quote(str(real / path.strip("/")))
+            lines.append(f"mkdir {path}; mount --bind {source} {path}")
+        else:
+            copy = real / "files" / path.strip("/")
+            copy.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(path, copy)
+            lines.append(f"cp -p {shlex.quote(str(copy))} {path}")
+    for source, target in _mounts(stage):
+        lines.append(f"mkdir {target}; mount --bind {shlex.quote(str(source))} {target}")
+    lines.append('exec "$@"')
+    return ["unshare", "--mount", "--propagation", "private", "sh", "-c", "\n".join(lines), "sh", *argv]
+
+
+def _as_user(stage, argv, status_fd):
+    args = ["bwrap", "--die-with-parent", "--dev-bind", "/", "/", "--tmpfs", "/etc", "--tmpfs", "/usr/share"]
+    for path in _kept():
+        args += ["--ro-bind", os.path.realpath(path), path]
+    for source, target in _mounts(stage):
+        args += ["--bind", str(source), target]
+    return [*args, "--json-status-fd", str(status_fd), "--", *argv]
+
+
+class Daemon:
+    def __init__(self, stage, bus_address, graph, args=(), env=None, without=(), privileged=True, debug="4"):
+        """`without` names environment variables to leave out; privileged=False keeps root to file modes."""
+        self.stage = stage
+        self.ended = False
+        self._status = None
+        environment = base_environment(stage.home) | {
+            "SPA_PLUGIN_DIR": f"{stage.spa}:{system_spa_dir()}",
+            "PIPEWIRE_DEBUG": f"2,hear-sense:{debug}",
+            "ASAN_OPTIONS": "halt_on_error=1:abort_on_error=0:detect_leaks=1:exitcode=98",
+            "UBSAN_OPTIONS": "halt_on_error=1:print_stacktrace=1",
+        }
+        for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"):
+            if name in os.environ:
+                environment[name] = ":".join(filter(None, (environment.get(name), os.environ[name])))
+        environment["XDG_RUNTIME_DIR"] = str(graph.runtime if graph else stage.home)
+        if bus_address:
+            environment["DBUS_SYSTEM_BUS_ADDRESS"] = bus_address
+        environment |= env or {}
+        for name in without:
+            environment.pop(name, None)
+        argv = [*shlex.split(os.environ.get("HS_TEST_WRAPPER", "")), str(stage.build / "src/hear-sense"), *args]
+        if os.getuid() == 0:
+            if not privileged:
+                argv = ["setpriv", "--bounding-set=-dac_override,-dac_read_search", "--", *argv]
+            self.process = Process(_as_root(stage, argv), "daemon", stage.logs, environment)
+            self.pid = self.process.pid
+        else:
+            assert shutil.which("bwrap"), "bwrap is needed to run the tests as an ordinary user"
+            reader, writer = os.pipe()
+            self.process = Process(
+                _as_user(stage, argv, writer), "daemon", stage.logs, environment, pass_fds=(writer,)
+            )
+            os.close(writer)
+            # Stays open until bwrap has told the end of its child as well: it would die of a closed pipe.
+            self._status = os.fdopen(reader)
+            self.pid = self._child_pid()
+
+    def _child_pid(self):
+        ready, _, _ = select.select([self._status], [], [], 10 * SCALE)
+        text = os.read(self._status.fileno(), 4096).decode() if ready else ""
+        found = re.search(r'"child-pid":\s*(\d+)', text)
+        assert found, f"bwrap did not start the daemon: {self.process.err()}"
+        return int(found.group(1))
+
+    @property
+    def alive(self):
+        return self.process.alive
+
+    def log(self):
+        return self.process.err()
+
+    def out(self):
+        return self.process.out()
+
+    def log_lines(self, text):
+        return [line for line in self.log().splitlines() if text in line]
+
+    def log_count(self, text):
+        return len(self.log_lines(text))
+
+    def wait_log(self, text, count=1, timeout=10.0):
+        """Waits until a text stands in that many lines of the log."""
+        def seen():
+            if self.log_count(text) >= count:
+                return True
+            if not self.alive and self.log_count(text) < count:
+                raise UnexpectedEnd(f"the daemon ended without logging {text!r}: {self.tail()}")
+            return False
+
+        wait_until(seen, lambda: f"{count} lines with {text!r} in the log: {self.tail()}", timeout)
+
+    def tail(self):
+        return f"status {self.process.popen.poll()}, log:\n" + "\n".join(self.log().splitlines()[-40:])
+
+    def wait_ready(self, client, timeout=10.0):
+        """Waits until the daemon owns its name, as it does from the moment it serves its bus."""
+        def owned():
+            if not self.alive:
+                raise UnexpectedEnd("the daemon ended at start: " + self.tail())
+            return client.has_owner()
+
+        wait_until(owned, lambda: "the bus name: " + self.tail(), timeout)
+
+    def status(self, timeout=10.0):
+        """Waits for the end; the exit status, negative for a signal. The test has then seen to it."""
+        status = self.process.wait(timeout)
+        self.ended = True
+        if status > 128:
+            status = 128 - status
+        self.assert_clean()
+        assert status != WRAPPER_FAILURE, "the wrapper has found errors: " + self.tail()
+        return status
+
+    def terminate(self, number=signal.SIGTERM):
+        if self.alive:
+            os.kill(self.pid, number)
+
+    def stop(self, number=signal.SIGTERM, timeout=10.0):
+        """Ends the daemon as its service manager would; the exit status."""
+        self.terminate(number)
+        return self.status(timeout)
+
+    def assert_clean(self):
+        reports = [line for line in self.log().splitlines() if any(text in line for text in SANITIZER_REPORTS)]
+        assert not reports, "a sanitizer has found errors: " + self.tail()
+
+    def finish(self):
+        """At the end of each test: a daemon that still should run has to, and has to end well."""
+        try:
+            if not self.ended:
+                if not self.alive:
+                    raise UnexpectedEnd("the daemon died: " + self.tail())
+                status = self.stop()
+                assert status == 0, f"status {status} at SIGTERM: " + self.tail()
+        finally:
+            self.process.kill()
+            if self._status is not None:
+                self._status.close()

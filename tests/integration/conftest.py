@@ -1,0 +1,188 @@
+"""Fixtures of the test bed. HS_BUILD_DIR names the build directory whose daemon is tested."""
+
+import os
+import pathlib
+import shutil
+import signal
+import tempfile
+
+import pytest
+
+from bed.client import BusClient
+from bed.daemon import Daemon
+from bed.process import SCALE
+from bed.servers import Bus, Graph
+from bed.stage import SYSTEM_NODE, make_stage
+
+TEST_SECONDS = 60
+
+
+def pytest_addoption(parser):
+    parser.addoption(
+        "--daemon-wrapper", help='a command that the daemon is run under, such as "valgrind -q"', default=None
+    )
+
+
+def pytest_configure(config):
+    wrapper = config.getoption("--daemon-wrapper")
+    if wrapper is not None:
+        os.environ["HS_TEST_WRAPPER"] = wrapper
+    if "HS_BUILD_DIR" not in os.environ:
+        raise pytest.UsageError("set HS_BUILD_DIR to the build directory")
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """Where nobody looks at the output, a test that was skipped is a test that is missing."""
+    outcome = yield
+    report = outcome.get_result()
+    if report.skipped and not hasattr(report, "wasxfail") and os.environ.get("CI") == "true":
+        report.outcome = "failed"
+        report.longrepr = f"skipped in CI: {report.longrepr}"
+
+
+def _too_long(number, frame):
+    raise TimeoutError(f"the test took longer than {TEST_SECONDS * SCALE:g} s")
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_protocol(item, nextitem):
+    signal.signal(signal.SIGALRM, _too_long)
+    signal.alarm(int(TEST_SECONDS * SCALE))
+    yield
+    signal.alarm(0)
+
+
+@pytest.fixture(scope="session")
+def build():
+    path = pathlib.Path(os.environ["HS_BUILD_DIR"]).resolve()
+    for needed in ("src/hear-sense", "tests/plugins/libspa-hs-scripted.so", "tests/plugins/hs-export-metadata"):
+        assert (path / needed).exists(), f"{path / needed} has not been built"
+    return path
+
+
+def _folder():
+    """Short, because sockets live in it."""
+    return pathlib.Path(tempfile.mkdtemp(prefix="hs-"))
+
+
+def _remove(folder):
+    for path in [folder, *folder.rglob("*")]:
+        if path.is_dir() and not path.is_symlink():
+            path.chmod(0o700)
+    shutil.rmtree(folder)
+
+
+@pytest.fixture(scope="session")
+def shared_bus():
+    folder = _folder()
+    bus = Bus(folder)
+    yield bus
+    bus.stop()
+    _remove(folder)
+
+
+@pytest.fixture(scope="session")
+def shared_graph():
+    folder = _folder()
+    graph = Graph(folder)
+    yield graph
+    graph.stop()
+    _remove(folder)
+
+
+class Bed:
+    """What a test works with: its stage, a bus, a graph, and any number of daemons one after the other."""
+
+    def __init__(self, stage, bus, graph):
+        self.stage = stage
+        self.bus = bus
+        self.graph = graph
+        self.daemons = []
+        self.clients = []
+        self.nodes = []
+        self.extra = []
+
+    def plugin(self, file_name="motion", /, **kwargs):
+        return self.stage.plugin(file_name, **kwargs)
+
+    def client(self, address=None):
+        client = BusClient(address or self.bus.address)
+        self.clients.append(client)
+        return client
+
+    def spawn(self, args=(), **kwargs):
+        """Starts the daemon and does not wait for anything."""
+        bus_address = kwargs.pop("bus_address", self.bus.address)
+        graph = kwargs.pop("graph", self.graph)
+        daemon = Daemon(self.stage, bus_address, graph, args, **kwargs)
+        self.daemons.append(daemon)
+        return daemon
+
+    def start(self, args=(), **kwargs):
+        """The daemon, serving, and a client that has heard every signal since."""
+        client = self.client()
+        daemon = self.spawn(args, **kwargs)
+        daemon.wait_ready(client)
+        return daemon, client
+
+    def microphone(self, name=SYSTEM_NODE, **kwargs):
+        self.nodes.append(name)
+        self.graph.microphone(name, **kwargs)
+        return name
+
+    def quiet_microphone(self, name=SYSTEM_NODE, **kwargs):
+        self.nodes.append(name)
+        self.graph.quiet_microphone(name, **kwargs)
+        return name
+
+    def unplug(self, name=SYSTEM_NODE):
+        self.graph.destroy(name)
+
+    def close(self):
+        errors = []
+        for daemon in self.daemons:
+            try:
+                daemon.finish()
+            except AssertionError as error:
+                errors.append(error)
+        for client in self.clients:
+            client.close()
+        for helper in self.extra:
+            helper()
+        if self.graph.server.alive:
+            self.graph.destroy(*dict.fromkeys(name for name in self.nodes if name is not None))
+        if errors:
+            raise errors[0]
+
+
+def _make_bed(build, bus, graph):
+    folder = _folder()
+    bed = Bed(make_stage(folder, build), bus, graph)
+    try:
+        yield bed
+    finally:
+        try:
+            bed.close()
+        finally:
+            _remove(folder)
+
+
+@pytest.fixture
+def bed(build, shared_bus, shared_graph):
+    """The servers are shared by all tests of the run: leave them as they were."""
+    yield from _make_bed(build, shared_bus, shared_graph)
+
+
+@pytest.fixture
+def own_bed(build):
+    """With servers of its own, for tests that kill or replace them."""
+    folder = _folder()
+    bus = Bus(folder)
+    graph = Graph(folder)
+    try:
+        yield from _make_bed(build, bus, graph)
+    finally:
+        graph.stop()
+        bus.stop()
+        _remove(folder)
