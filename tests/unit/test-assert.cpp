@@ -1,0 +1,58 @@
+/* An assertion of ours stays in builds that have none of C's. */
+#define NDEBUG
+#include "assert.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+void check(int answer)
+{
+	HS_ASSERT(answer == 42);
+}
+
+void check_with_text(const char *key)
+{
+	HS_ASSERT_TEXT(key, "key != ((void *)0)");
+}
+
+void reach_the_unreachable()
+{
+	HS_UNREACHABLE();
+}
+
+int calls;
+
+bool count_call()
+{
+	calls++;
+	return true;
+}
+
+} // namespace
+
+TEST(AssertDeathTest, PrintsExpressionFileLineAndFunctionAndAborts)
+{
+	EXPECT_EXIT(check(41), testing::KilledBySignal(SIGABRT),
+		    "^'answer == 42' failed at .*test-assert\\.cpp:11 check\\(\\)\n$");
+}
+
+TEST(AssertDeathTest, PrintsTheGivenText)
+{
+	EXPECT_EXIT(check_with_text(nullptr), testing::KilledBySignal(SIGABRT),
+		    "^'key != \\(\\(void \\*\\)0\\)' failed at .*:16 check_with_text\\(\\)\n$");
+}
+
+TEST(AssertDeathTest, ReachingTheUnreachablePrintsWhereAndAborts)
+{
+	EXPECT_EXIT(reach_the_unreachable(), testing::KilledBySignal(SIGABRT),
+		    "^Code should not be reached at .*test-assert\\.cpp:21 reach_the_unreachable\\(\\)\n$");
+}
+
+TEST(Assert, LetsWhatHoldsPassAndLooksOnce)
+{
+	calls = 0;
+	HS_ASSERT(count_call());
+	HS_ASSERT_TEXT(count_call(), "count_call");
+	EXPECT_EQ(calls, 2);
+}

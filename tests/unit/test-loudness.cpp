@@ -1,0 +1,425 @@
+/*
+ * The meter and the alarm of the loudness plug-in.
+ */
+#include "loudness-alarm.hpp"
+#include "loudness-meter.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <numbers>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <spa/param/audio/raw.h>
+
+namespace {
+
+using positions = std::vector<uint32_t>;
+
+const positions mono{SPA_AUDIO_CHANNEL_MONO};
+const positions stereo{SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR};
+
+constexpr float quiet_nan = std::numeric_limits<float>::quiet_NaN();
+constexpr float infinity = std::numeric_limits<float>::infinity();
+
+float amplitude(double dbfs)
+{
+	return static_cast<float>(std::pow(10.0, dbfs / 20.0));
+}
+
+struct tone {
+	double seconds;
+	/** Of the sine's peak. */
+	double dbfs;
+};
+
+/** Sines of 1 kHz, one after the other. */
+std::vector<float> sines(uint32_t rate, const std::vector<tone> &tones, int times = 1)
+{
+	std::vector<float> samples;
+	for (int i = 0; i < times; i++) {
+		for (const tone &tone : tones) {
+			const long n = std::lround(tone.seconds * rate);
+			for (long k = 0; k < n; k++) {
+				const double phase = 2.0 * std::numbers::pi * 1000.0 *
+						     static_cast<double>(samples.size()) / rate;
+				samples.push_back(amplitude(tone.dbfs) * static_cast<float>(std::sin(phase)));
+			}
+		}
+	}
+	return samples;
+}
+
+const std::byte *bytes(const std::vector<float> &samples)
+{
+	return reinterpret_cast<const std::byte *>(samples.data());
+}
+
+/** Hears one signal per channel, `portion` frames at a time; all looks. */
+std::vector<loudness_values> hear(loudness_meter &meter, const std::vector<std::vector<float>> &signals,
+				  size_t portion = 1024)
+{
+	std::vector<loudness_values> looks;
+	for (size_t first = 0; first < signals[0].size(); first += portion) {
+		const size_t n = std::min(portion, signals[0].size() - first);
+		std::vector<loudness_channel> channels;
+		for (const std::vector<float> &signal : signals)
+			channels.push_back({bytes(signal) + first * sizeof(float), sizeof(float)});
+		for (size_t frame = 0; frame < n;) {
+			frame = meter.hear(channels, frame, n);
+			if (const auto look = meter.look())
+				looks.push_back(*look);
+		}
+	}
+	return looks;
+}
+
+/** What the same signal on all channels measures. */
+std::vector<loudness_values> measure(uint32_t rate, const positions &channels,
+				     const std::vector<float> &signal)
+{
+	const auto meter = loudness_meter::create(rate, channels);
+	EXPECT_TRUE(meter);
+	if (!meter)
+		return {{}};
+	return hear(*meter, std::vector<std::vector<float>>(channels.size(), signal));
+}
+
+/** What a signal on one channel alone measures. */
+loudness_values measure_one(const positions &channels, size_t which, const std::vector<float> &signal)
+{
+	const auto meter = loudness_meter::create(48000, channels);
+	std::vector<std::vector<float>> signals(channels.size(), std::vector<float>(signal.size()));
+	signals[which] = signal;
+	return hear(*meter, signals).back();
+}
+
+void expect_floor(const loudness_values &values)
+{
+	EXPECT_EQ(values.momentary, -70.0);
+	EXPECT_EQ(values.short_term, -70.0);
+	EXPECT_EQ(values.peak, -120.0);
+	EXPECT_EQ(values.level, -120.0);
+}
+
+void expect_finite(const loudness_values &values)
+{
+	EXPECT_TRUE(std::isfinite(values.momentary) && values.momentary >= -70.0) << values.momentary;
+	EXPECT_TRUE(std::isfinite(values.short_term) && values.short_term >= -70.0) << values.short_term;
+	EXPECT_TRUE(std::isfinite(values.peak) && values.peak >= -120.0) << values.peak;
+	EXPECT_TRUE(std::isfinite(values.level) && values.level >= -120.0) << values.level;
+}
+
+} // namespace
+
+class LoudnessMeterRates : public testing::TestWithParam<uint32_t> {};
+
+/* The first two: EBU Tech 3341, cases 1 and 2, whose signals are the same but for the level. */
+TEST_P(LoudnessMeterRates, MeasuresASteadyStereoTone)
+{
+	for (const double level : {-23.0, -33.0}) {
+		const auto looks = measure(GetParam(), stereo, sines(GetParam(), {{20.0, level}}));
+		ASSERT_EQ(looks.size(), 200U);
+		for (size_t i = 4; i < looks.size(); i++)
+			ASSERT_NEAR(looks[i].momentary, level, 0.1) << i;
+		for (size_t i = 30; i < looks.size(); i++)
+			ASSERT_NEAR(looks[i].short_term, level, 0.1) << i;
+	}
+}
+
+/* EBU Tech 3341, case 9. */
+TEST_P(LoudnessMeterRates, AveragesThreeSecondsForTheShortTerm)
+{
+	const auto looks = measure(GetParam(), stereo, sines(GetParam(), {{1.34, -20.0}, {1.66, -30.0}}, 5));
+	ASSERT_EQ(looks.size(), 150U);
+	for (size_t i = 30; i < looks.size(); i++)
+		ASSERT_NEAR(looks[i].short_term, -23.0, 0.1) << i;
+}
+
+/* EBU Tech 3341, case 12. */
+TEST_P(LoudnessMeterRates, AveragesFourTenthsForTheMomentary)
+{
+	const auto looks = measure(GetParam(), stereo, sines(GetParam(), {{0.18, -20.0}, {0.22, -30.0}}, 25));
+	ASSERT_EQ(looks.size(), 100U);
+	for (size_t i = 10; i < looks.size(); i++)
+		ASSERT_NEAR(looks[i].momentary, -23.0, 0.1) << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(Ebu, LoudnessMeterRates, testing::Values(48000U, 44100U, 96000U));
+
+TEST(LoudnessMeter, MeasuresAtEveryUsualRate)
+{
+	for (const uint32_t rate :
+	     {8000U, 11025U, 16000U, 22050U, 32000U, 44100U, 48000U, 88200U, 96000U, 192000U}) {
+		const auto looks = measure(rate, mono, sines(rate, {{4.0, -20.0}}));
+		ASSERT_GE(looks.size(), 39U) << rate;
+		ASSERT_LE(looks.size(), 40U) << rate;
+		EXPECT_NEAR(looks.back().momentary, -23.01, 0.1) << rate;
+		EXPECT_NEAR(looks.back().short_term, -23.01, 0.1) << rate;
+		EXPECT_NEAR(looks.back().level, -23.01, 0.05) << rate;
+		EXPECT_NEAR(looks.back().peak, -20.0, 0.2) << rate;
+	}
+}
+
+TEST(LoudnessMeter, AgreesWithTheWindowsOfLibebur128)
+{
+	std::vector<float> signal = sines(48000, {{0.37, -12.0}, {0.93, -40.0}, {2.4, -20.0}, {1.3, -31.0}});
+	const auto looks = measure(48000, mono, signal);
+	ASSERT_EQ(looks.size(), 50U);
+	ebur128_state *state = ebur128_init(1, 48000, EBUR128_MODE_S);
+	for (size_t i = 0; i < looks.size(); i++) {
+		double momentary;
+		double short_term;
+		ebur128_add_frames_float(state, &signal[i * 4800], 4800);
+		ebur128_loudness_momentary(state, &momentary);
+		ebur128_loudness_shortterm(state, &short_term);
+		EXPECT_NEAR(looks[i].momentary, momentary, 1e-6) << i;
+		EXPECT_NEAR(looks[i].short_term, short_term, 1e-6) << i;
+	}
+	ebur128_destroy(&state);
+}
+
+TEST(LoudnessMeter, LooksTenTimesASecondOfAudio)
+{
+	for (const uint32_t rate : {8000U, 11025U, 44100U, 48000U, 192000U})
+		EXPECT_NEAR(loudness_meter::create(rate, mono)->look_interval(), 0.1, 0.0001) << rate;
+	const auto meter = loudness_meter::create(48000, mono);
+	const std::vector<float> signal(4801);
+	const std::array channels{loudness_channel{bytes(signal), sizeof(float)}};
+	EXPECT_EQ(meter->hear(channels, 0, 4799), 4799U);
+	EXPECT_FALSE(meter->look());
+	EXPECT_EQ(meter->hear(channels, 4799, 4801), 4800U);
+	EXPECT_TRUE(meter->look());
+	EXPECT_FALSE(meter->look());
+}
+
+TEST(LoudnessMeter, TakesMonoAsOneChannel)
+{
+	const std::vector<float> signal = sines(48000, {{4.0, -20.0}});
+	for (const uint32_t position :
+	     {SPA_AUDIO_CHANNEL_MONO, SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_SL, SPA_AUDIO_CHANNEL_LFE,
+	      SPA_AUDIO_CHANNEL_AUX0, SPA_AUDIO_CHANNEL_UNKNOWN}) {
+		const loudness_values values = measure(48000, {position}, signal).back();
+		EXPECT_NEAR(values.momentary, -23.01, 0.05) << position;
+		EXPECT_NEAR(values.short_term, -23.01, 0.05) << position;
+	}
+	/* The same twice is twice the power. */
+	EXPECT_NEAR(measure(48000, stereo, signal).back().momentary, -20.0, 0.05);
+}
+
+TEST(LoudnessMeter, AddsThePowerOfUpToEightChannelsWithoutAPlace)
+{
+	const std::vector<float> signal = sines(48000, {{1.0, -20.0}});
+	for (const uint32_t first : {uint32_t{SPA_AUDIO_CHANNEL_AUX0}, uint32_t{SPA_AUDIO_CHANNEL_UNKNOWN}}) {
+		for (uint32_t n = 1; n <= 8; n++) {
+			positions channels(n, first);
+			for (uint32_t c = 0; first != SPA_AUDIO_CHANNEL_UNKNOWN && c < n; c++)
+				channels[c] += c;
+			const loudness_values values = measure(48000, channels, signal).back();
+			EXPECT_NEAR(values.momentary, -23.01 + 10.0 * std::log10(n), 0.05) << n;
+			/* Of all channels together, so the same for any number of them. */
+			EXPECT_NEAR(values.level, -23.01, 0.01) << n;
+			EXPECT_NEAR(values.peak, -20.0, 0.01) << n;
+		}
+	}
+}
+
+TEST(LoudnessMeter, WeighsChannelsByTheirPlace)
+{
+	const std::vector<float> signal = sines(48000, {{1.0, -20.0}});
+	const positions five_one{SPA_AUDIO_CHANNEL_FL,	SPA_AUDIO_CHANNEL_FR, SPA_AUDIO_CHANNEL_FC,
+				 SPA_AUDIO_CHANNEL_LFE, SPA_AUDIO_CHANNEL_RL, SPA_AUDIO_CHANNEL_RR};
+	positions seven_one = five_one;
+	seven_one.insert(seven_one.end(), {SPA_AUDIO_CHANNEL_SL, SPA_AUDIO_CHANNEL_SR});
+
+	const double front = -23.01;
+	const double surround = front + 10.0 * std::log10(1.41);
+	const double expected_five_one[] = {front, front, front, -70.0, surround, surround};
+	const double expected_seven_one[] = {front, front, front, -70.0, front, front, surround, surround};
+	for (size_t c = 0; c < five_one.size(); c++)
+		EXPECT_NEAR(measure_one(five_one, c, signal).momentary, expected_five_one[c], 0.05) << c;
+	for (size_t c = 0; c < seven_one.size(); c++)
+		EXPECT_NEAR(measure_one(seven_one, c, signal).momentary, expected_seven_one[c], 0.05) << c;
+	EXPECT_NEAR(measure_one({SPA_AUDIO_CHANNEL_FLW, SPA_AUDIO_CHANNEL_FRW}, 1, signal).momentary,
+		    surround, 0.05);
+
+	for (const uint32_t silent : {SPA_AUDIO_CHANNEL_NA, SPA_AUDIO_CHANNEL_LFE2, SPA_AUDIO_CHANNEL_LLFE})
+		EXPECT_EQ(measure_one({SPA_AUDIO_CHANNEL_FL, silent}, 1, signal).momentary, -70.0) << silent;
+	/* Weighing is for loudness: a clipping channel shows in the peak wherever it stands. */
+	EXPECT_NEAR(measure_one(five_one, 3, signal).peak, -20.0, 0.01);
+}
+
+TEST(LoudnessMeter, TellsThePeakOfTheLastTenthOnly)
+{
+	std::vector<float> signal(4 * 4800, 0.001F);
+	signal[4799] = -0.5F;
+	signal[2 * 4800] = 0.25F;
+	const auto looks = measure(48000, mono, signal);
+	ASSERT_EQ(looks.size(), 4U);
+	EXPECT_NEAR(looks[0].peak, -6.02, 0.01);
+	EXPECT_NEAR(looks[1].peak, -60.0, 0.01);
+	EXPECT_NEAR(looks[2].peak, -12.04, 0.01);
+	EXPECT_NEAR(looks[3].peak, -60.0, 0.01);
+}
+
+TEST(LoudnessMeter, StopsAtTheFloor)
+{
+	expect_floor(loudness_values{});
+	for (const float sample :
+	     {0.0F, 1e-30F, std::numeric_limits<float>::denorm_min(), amplitude(-140.0)}) {
+		for (const loudness_values &look :
+		     measure(48000, stereo, std::vector<float>(5 * 48000, sample)))
+			expect_floor(look);
+	}
+	EXPECT_EQ(measure(48000, mono, sines(48000, {{5.0, -80.0}})).back().momentary, -70.0);
+	EXPECT_NEAR(measure(48000, mono, sines(48000, {{5.0, -80.0}})).back().peak, -80.0, 0.01);
+}
+
+TEST(LoudnessMeter, CountsWhatIsNoNumberAsSilence)
+{
+	std::vector<float> signal = sines(48000, {{4.0, -20.0}});
+	for (size_t i = 0; i < 48000; i += 7)
+		signal[i] = i % 3 == 0 ? quiet_nan : i % 3 == 1 ? infinity : -infinity;
+	const auto looks = measure(48000, stereo, signal);
+	for (const loudness_values &look : looks)
+		expect_finite(look);
+	EXPECT_LE(looks.front().peak, -19.9);
+	/* And it leaves nothing behind. */
+	EXPECT_NEAR(looks.back().momentary, -20.0, 0.1);
+
+	for (const float sample : {quiet_nan, infinity, -infinity}) {
+		for (const loudness_values &look : measure(48000, mono, std::vector<float>(9600, sample)))
+			expect_floor(look);
+	}
+}
+
+TEST(LoudnessMeter, RecoversFromHugeSamples)
+{
+	std::vector<float> signal = sines(48000, {{8.0, -20.0}});
+	std::fill_n(signal.begin(), 4800, std::numeric_limits<float>::max());
+	const auto looks = measure(48000, stereo, signal);
+	for (const loudness_values &look : looks)
+		expect_finite(look);
+	EXPECT_NEAR(looks.back().short_term, -20.0, 0.1);
+}
+
+TEST(LoudnessMeter, MeasuresTheSameInAnyPortions)
+{
+	std::vector<float> left = sines(48000, {{0.37, -12.0}, {0.9, -40.0}, {0.41, -20.0}, {2.0, -31.0}});
+	std::vector<float> right(left.rbegin(), left.rend());
+	const auto expected = hear(*loudness_meter::create(48000, stereo), {left, right}, 1024);
+	ASSERT_EQ(expected.size(), 36U);
+	for (const size_t portion : {1UL, 7UL, 480UL, 4800UL, 4801UL, 100'000UL, 1'000'000UL}) {
+		const auto looks = hear(*loudness_meter::create(48000, stereo), {left, right}, portion);
+		ASSERT_EQ(looks.size(), expected.size()) << portion;
+		for (size_t i = 0; i < looks.size(); i++) {
+			ASSERT_EQ(looks[i].momentary, expected[i].momentary) << portion << " " << i;
+			ASSERT_EQ(looks[i].short_term, expected[i].short_term) << portion << " " << i;
+			ASSERT_EQ(looks[i].peak, expected[i].peak) << portion << " " << i;
+			ASSERT_EQ(looks[i].level, expected[i].level) << portion << " " << i;
+		}
+	}
+}
+
+TEST(LoudnessMeter, ReadsInterleavedAndUnalignedSamples)
+{
+	const std::vector<float> left = sines(48000, {{0.5, -20.0}});
+	const std::vector<float> right = sines(48000, {{0.5, -32.0}});
+	const auto expected = hear(*loudness_meter::create(48000, stereo), {left, right}, left.size()).back();
+
+	std::vector<std::byte> memory(1 + 2 * left.size() * sizeof(float));
+	for (size_t i = 0; i < left.size(); i++) {
+		std::memcpy(&memory[1 + 8 * i], &left[i], sizeof(float));
+		std::memcpy(&memory[5 + 8 * i], &right[i], sizeof(float));
+	}
+	const std::array channels{loudness_channel{&memory[1], 8}, loudness_channel{&memory[5], 8}};
+	const auto meter = loudness_meter::create(48000, stereo);
+	loudness_values last;
+	for (size_t frame = 0; frame < left.size();) {
+		frame = meter->hear(channels, frame, left.size());
+		last = meter->look().value_or(last);
+	}
+	EXPECT_EQ(last.momentary, expected.momentary);
+	EXPECT_EQ(last.level, expected.level);
+}
+
+TEST(LoudnessMeter, HearsAChannelWithoutSamplesAsSilent)
+{
+	const std::vector<float> signal = sines(48000, {{0.5, -20.0}});
+	const auto meter = loudness_meter::create(48000, stereo);
+	const std::array channels{loudness_channel{bytes(signal), sizeof(float)}, loudness_channel{}};
+	loudness_values last;
+	for (size_t frame = 0; frame < signal.size();) {
+		frame = meter->hear(channels, frame, signal.size());
+		last = meter->look().value_or(last);
+	}
+	EXPECT_NEAR(last.momentary, -23.01, 0.05);
+	EXPECT_NEAR(last.level, -26.02, 0.05);
+}
+
+TEST(LoudnessMeter, RefusesWhatCannotBeMeasured)
+{
+	EXPECT_FALSE(loudness_meter::create(0, mono));
+	EXPECT_FALSE(loudness_meter::create(3999, mono));
+	EXPECT_FALSE(loudness_meter::create(10'000'000, mono));
+	EXPECT_FALSE(loudness_meter::create(48000, {}));
+	EXPECT_FALSE(loudness_meter::create(48000, positions(65, SPA_AUDIO_CHANNEL_AUX0)));
+	EXPECT_TRUE(loudness_meter::create(4000, mono));
+	EXPECT_TRUE(loudness_meter::create(8000, positions(64, SPA_AUDIO_CHANNEL_AUX0)));
+}
+
+TEST(LoudnessMeter, IsStableAtItsLowestRate)
+{
+	std::vector<float> signal(8000);
+	signal[0] = 1.0F;
+	EXPECT_EQ(measure(4000, mono, signal).back().momentary, -70.0);
+}
+
+TEST(LoudnessAlarm, IsRaisedAtOnceAboveTheThreshold)
+{
+	loudness_alarm alarm;
+	alarm.update(-20.0, -20.0, 2.0, 0.1);
+	EXPECT_FALSE(alarm.is_raised);
+	alarm.update(-19.9, -20.0, 2.0, 0.1);
+	EXPECT_TRUE(alarm.is_raised);
+}
+
+TEST(LoudnessAlarm, IsClearedWhenItWasQuietForTheHoldTime)
+{
+	for (const double hold_time : {0.1, 0.3, 0.7, 2.0, 60.0}) {
+		loudness_alarm alarm;
+		alarm.update(0.0, -20.0, hold_time, 0.1);
+		const long looks = std::lround(hold_time * 10.0);
+		for (long i = 1; i < looks; i++) {
+			alarm.update(-30.0, -20.0, hold_time, 0.1);
+			ASSERT_TRUE(alarm.is_raised) << hold_time << " " << i;
+		}
+		alarm.update(-30.0, -20.0, hold_time, 0.1);
+		EXPECT_FALSE(alarm.is_raised) << hold_time;
+	}
+}
+
+TEST(LoudnessAlarm, HoldsWhileLoudMomentsReturn)
+{
+	loudness_alarm alarm;
+	for (int i = 0; i < 100; i++) {
+		alarm.update(i % 10 == 0 ? -10.0 : -30.0, -20.0, 1.0, 0.1);
+		ASSERT_TRUE(alarm.is_raised) << i;
+	}
+	alarm.update(-30.0, -20.0, 1.0, 0.1);
+	EXPECT_FALSE(alarm.is_raised);
+}
+
+TEST(LoudnessAlarm, IsClearedAtOnceWithoutAHoldTime)
+{
+	loudness_alarm alarm;
+	alarm.update(-10.0, -20.0, 0.0, 0.1);
+	EXPECT_TRUE(alarm.is_raised);
+	alarm.update(-30.0, -20.0, 0.0, 0.1);
+	EXPECT_FALSE(alarm.is_raised);
+}
