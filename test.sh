@@ -1,0 +1,160 @@
+#!/bin/bash
+# SPDX-License-Identifier: MIT
+#
+# Builds and runs every test: see usage. The last line is "N passed, N failed".
+set -euo pipefail
+
+usage()
+{
+	cat <<-END
+	Usage: ./test.sh [--quick | --help]
+
+	Installs the Debian packages that the tests need and are missing, builds, runs every test, and ends with
+	the line "N passed, N failed".
+
+	  (nothing)   with g++, optimised, all tests; nodes, audio and shutdown under valgrind;
+	              with clang, AddressSanitizer and UndefinedBehaviorSanitizer, all tests
+	  --quick     one plain build with g++ and all tests
+	  --help      shows this
+
+	With CI=true a skipped test counts as failed. Nothing is written outside this folder and the temporary one.
+	END
+}
+
+here=$(dirname -- "$(readlink -f -- "$0")")
+cd -- "$here"
+# shellcheck source=tools/packages.sh
+. tools/packages.sh
+
+quick=false
+case ${1:-} in
+'') ;;
+--quick) quick=true ;;
+-h | --help) usage && exit 0 ;;
+*) fail "There is no option $1." 'See ./test.sh --help' ;;
+esac
+
+packages=("${common_packages[@]}"
+	'libgtest-dev|unit tests'
+	'python3-pytest|integration tests'
+	'python3-pytest-xdist|runs them in parallel')
+$quick || packages+=(
+	'clang-14|the second compiler'
+	'libclang-rt-14-dev|its sanitizers'
+	'llvm-14|names the functions in their reports'
+	'valgrind|finds leaks in the daemon')
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/hear-sense-test.XXXXXX")
+trap 'rm -rf -- "$work"' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
+
+passed=0
+failed=0
+declare -a durations=()
+
+add()
+{
+	local skipped
+	passed=$((passed + $1))
+	failed=$((failed + $2))
+	skipped=$3
+	[[ ${CI:-} != true ]] || failed=$((failed + skipped))
+	printf '    %d passed, %d failed, %d skipped\n' "$1" "$2" "$skipped"
+}
+
+# timed WHAT COMMAND...: the command's status is its own affair; it tells what it finds through add.
+timed()
+{
+	local what=$1 begin=$SECONDS
+	shift
+	step "$what"
+	"$@"
+	durations+=("$(printf '%5d s  %s' $((SECONDS - begin)) "$what")")
+}
+
+# build FOLDER MESON-OPTION...: a failed build is a failed test, and the tests of that build are not run.
+built=false
+build()
+{
+	local folder=$1
+	shift
+	built=false
+	if [[ ! -f $folder/build.ninja ]]; then
+		rm -rf -- "$folder"
+		meson setup --prefix=/usr -Dloudness=enabled "$@" "$folder" . >"$work/setup.log" 2>&1 || {
+			tail -n 25 "$work/setup.log"
+			add 0 1 0
+			return
+		}
+	fi
+	if ninja -C "$folder"; then
+		built=true
+	else
+		add 0 1 0
+	fi
+}
+
+unit_tests()
+{
+	local folder=$1
+	$built || return 0
+	rm -rf -- "$folder/results/unit"
+	rm -f -- "$folder/meson-logs/testlog.json"
+	GTEST_OUTPUT="xml:$PWD/$folder/results/unit/" \
+		meson test -C "$folder" --no-rebuild --no-suite integration --print-errorlogs || true
+	count meson "$folder/meson-logs/testlog.json" "$folder/results/unit"
+}
+
+count()
+{
+	local -a counts
+	read -ra counts < <(/usr/bin/python3 tools/count-results.py "$@")
+	add "${counts[@]}"
+}
+
+# integration_tests FOLDER RESULT PYTEST-ARGUMENT...
+integration_tests()
+{
+	local folder=$1 result=$PWD/$1/results/$2.xml
+	$built || return 0
+	shift 2
+	rm -f -- "$result"
+	HS_BUILD_DIR=$PWD/$folder PYTHONDONTWRITEBYTECODE=1 \
+		/usr/bin/python3 -m pytest -p no:cacheprovider -q --junitxml="$result" "$@" || true
+	count pytest "$result"
+}
+
+need_packages "$work/apt.log" "${packages[@]}"
+
+export CC=gcc CXX=g++
+if $quick; then
+	timed 'Building with g++' build build-test
+	timed 'Unit tests' unit_tests build-test
+	timed 'Integration tests' integration_tests build-test integration -n 4 tests/integration
+else
+	timed 'Building with g++, optimised' build build-test-gcc -Doptimization=2 -Ddebug=true -Db_ndebug=true
+	timed 'Unit tests' unit_tests build-test-gcc
+	timed 'Integration tests' integration_tests build-test-gcc integration -n 4 tests/integration
+
+	export HS_TEST_TIMEOUT_SCALE=10
+	export HS_TEST_WRAPPER='valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=97'
+	timed 'Nodes, audio and shutdown under valgrind' integration_tests build-test-gcc valgrind tests/integration -k \
+		'two_plug_ins_on_two_nodes_are or node_that_goes or hears_the_buffers or file_that_is_played or sigterm_tears'
+	unset HS_TEST_WRAPPER HS_TEST_TIMEOUT_SCALE
+
+	export CC=clang-14 CXX=clang++-14
+	timed 'Building with clang and its sanitizers' build build-test-clang -Doptimization=1 -Ddebug=true \
+		-Db_sanitize=address,undefined -Db_lundef=false \
+		-D{c,cpp}_args='-fno-sanitize-recover=all -fno-omit-frame-pointer'
+	export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1
+	export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+	PATH=$PATH:/usr/lib/llvm-14/bin
+	timed 'Unit tests, sanitized' unit_tests build-test-clang
+	timed 'Integration tests, sanitized' integration_tests build-test-clang integration -n 4 tests/integration
+fi
+
+step 'Time'
+printf '%s\n' "${durations[@]}" "$(printf '%5d s  all' $SECONDS)"
+printf '%d passed, %d failed\n' "$passed" "$failed"
+((failed == 0))
