@@ -13,8 +13,7 @@
 #include "log.hpp"
 #include "owned.hpp"
 
-namespace
-{
+namespace {
 
 hs_malloc_ptr<char> make_tmp_path(const char *path)
 {
@@ -60,8 +59,7 @@ int open_tmp(const char *tmp, hs_file_ptr *stream)
 /** Brings what was written onto the disk and closes the stream. */
 int finish_tmp(hs_file_ptr stream)
 {
-	/* A write that failed in the callback has dropped its data: a flush of what is left may well succeed.
-	 */
+	/* A write that failed in the callback has dropped its data: a flush of the rest may well succeed. */
 	if (std::fflush(stream.get()) != 0 || std::ferror(stream.get())) {
 		pw_log_warn("Failed to flush tmp file: %m");
 		return -1;

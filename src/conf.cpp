@@ -20,8 +20,7 @@
 #include "log.hpp"
 #include "owned.hpp"
 
-namespace
-{
+namespace {
 
 constexpr char override_dir[] = "/etc/hear-sense/plugin-confs";
 constexpr size_t config_path_size = 4096;
@@ -90,7 +89,7 @@ bool read_text(const char *path, std::string *text)
 	size_t length = 0;
 	while (length < text->size()) {
 		const ssize_t n =
-		        TEMP_FAILURE_RETRY(read(file.get(), text->data() + length, text->size() - length));
+			TEMP_FAILURE_RETRY(read(file.get(), text->data() + length, text->size() - length));
 		if (n < 0)
 			return false;
 		if (n == 0)
@@ -109,7 +108,7 @@ void add_setting(pw_properties *values, const char *text)
 
 	const hs_properties_ptr setting{pw_properties_new_string(text)};
 	pw_properties_set(values, pw_properties_get(setting.get(), "name"),
-	                  pw_properties_get(setting.get(), "value"));
+			  pw_properties_get(setting.get(), "value"));
 }
 
 int write_settings(FILE *stream, void *data)
@@ -154,7 +153,7 @@ bool hs_conf_get_configs(const char *path, const char *override_path, pw_propert
 	for (const std::string &name : names) {
 		const std::string key = "config.name." + std::to_string(index++);
 		pw_properties_set(config_names, key.c_str(),
-		                  check_override(name.c_str(), path, override_path).c_str());
+				  check_override(name.c_str(), path, override_path).c_str());
 	}
 	return true;
 }
@@ -167,10 +166,9 @@ bool hs_conf_load_conf(const char *path, pw_properties *properties)
 		return false;
 	}
 
-	/* The parser may look one byte past a text that ends inside an object, hence a text with a
-	 * terminator. */
+	/* The parser may look one byte past a text that ends inside an object: at the terminator. */
 	const int n_items =
-	        text.empty() ? 0 : pw_properties_update_string(properties, text.c_str(), text.size());
+		text.empty() ? 0 : pw_properties_update_string(properties, text.c_str(), text.size());
 	pw_log_info("%p: Loaded config '%s' with %d items", static_cast<void *>(properties), path, n_items);
 	return true;
 }
@@ -182,7 +180,7 @@ void hs_settings_write(const pw_properties *settings)
 		return;
 
 	const hs_properties_ptr values{
-	        pw_properties_new("$schema", pw_properties_get(settings, "$schema"), nullptr)};
+		pw_properties_new("$schema", pw_properties_get(settings, "$schema"), nullptr)};
 	const spa_dict_item *item;
 	spa_dict_for_each(item, &settings->dict)
 	{

@@ -21,8 +21,7 @@
 #include "plugin.hpp"
 #include "source.hpp"
 
-namespace
-{
+namespace {
 
 constexpr char ENABLED_COUNT[] = "enabled_count";
 constexpr char DISABLED_COUNT[] = "disabled_count";
@@ -49,14 +48,14 @@ hs_malloc_ptr<char> source_metrics_construct_file_path(const hs_source *source)
 	static constexpr char format[] = "%s%s%s_%s_source_metrics.json";
 	const char *plugin = source->plugin->name;
 	const size_t size =
-	        metrics_path->size() + 1 + std::strlen(plugin) + std::strlen(name.get()) + sizeof(format);
+		metrics_path->size() + 1 + std::strlen(plugin) + std::strlen(name.get()) + sizeof(format);
 	hs_malloc_ptr<char> path{static_cast<char *>(std::malloc(size))};
 	if (!path) {
 		pw_log_warn("Failed to allocate memory for metrics file path");
 		return nullptr;
 	}
 	std::snprintf(path.get(), size, format, metrics_path->c_str(),
-	              metrics_path->ends_with('/') ? "" : "/", plugin, name.get());
+		      metrics_path->ends_with('/') ? "" : "/", plugin, name.get());
 	return path;
 }
 
@@ -100,18 +99,18 @@ int write_source_metrics(FILE *stream, void *data)
 	const char *name = source->interface ? source->interface->name : nullptr;
 
 	return std::fprintf(stream,
-	                    "{\n"
-	                    "    \"name\": \"%s\",\n"
-	                    "    \"source\": \"%s\",\n"
-	                    "    \"enabled_count\": %d,\n"
-	                    "    \"disabled_count\": %d,\n"
-	                    "    \"dbus_object_path\": \"%s\",\n"
-	                    "    \"dbus_interface\": \"%s\"\n"
-	                    "}\n",
-	                    name ? name : "(null)", source->name.c_str(),
-	                    static_cast<int>(metrics->enabled_count),
-	                    static_cast<int>(metrics->disabled_count), source->object_path.c_str(),
-	                    source->settings_interface.c_str());
+			    "{\n"
+			    "    \"name\": \"%s\",\n"
+			    "    \"source\": \"%s\",\n"
+			    "    \"enabled_count\": %d,\n"
+			    "    \"disabled_count\": %d,\n"
+			    "    \"dbus_object_path\": \"%s\",\n"
+			    "    \"dbus_interface\": \"%s\"\n"
+			    "}\n",
+			    name ? name : "(null)", source->name.c_str(),
+			    static_cast<int>(metrics->enabled_count),
+			    static_cast<int>(metrics->disabled_count), source->object_path.c_str(),
+			    source->settings_interface.c_str());
 }
 
 void source_metrics_counter_add_value(hs_source_metrics *metrics, const char *counter, uint32_t value)

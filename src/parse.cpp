@@ -15,8 +15,7 @@
 #include "assert.hpp"
 #include "log.hpp"
 
-namespace
-{
+namespace {
 
 /** Longest token of an array, its terminator included. */
 constexpr size_t TOKEN_SIZE = 512;
@@ -82,12 +81,12 @@ struct element_type {
 };
 
 constexpr element_type element_types[] = {
-        {"ab", sizeof(bool), sizeof(bool), store_bool},
-        {"au", sizeof(uint32_t), sizeof(uint32_t), store_uint32},
-        {"ai", sizeof(int32_t), sizeof(int32_t), store_int32},
-        {"ax", sizeof(int64_t), sizeof(int64_t), store_int64},
-        {"ad", sizeof(double), sizeof(double), store_double},
-        {"as", sizeof(char *), HS_PARSE_TEXT_SIZE, store_text},
+	{"ab", sizeof(bool), sizeof(bool), store_bool},
+	{"au", sizeof(uint32_t), sizeof(uint32_t), store_uint32},
+	{"ai", sizeof(int32_t), sizeof(int32_t), store_int32},
+	{"ax", sizeof(int64_t), sizeof(int64_t), store_int64},
+	{"ad", sizeof(double), sizeof(double), store_double},
+	{"as", sizeof(char *), HS_PARSE_TEXT_SIZE, store_text},
 };
 
 const element_type *find_element_type(const char *signature)
@@ -223,7 +222,7 @@ uint32_t hs_parse_array_count(const char *text, size_t length)
 }
 
 void hs_parse_array(const char *text, size_t length, uint32_t count, void **out, const char *complex_type,
-                    uint32_t *out_size)
+		    uint32_t *out_size)
 {
 	const element_type *type = find_element_type(complex_type);
 	if (!type) {

@@ -18,15 +18,14 @@
 #include "utf8.hpp"
 
 const hs_schema_type hs_schema_types[] = {
-        {"boolean", SPA_TYPE_Bool, "b"},   {"uint32", SPA_TYPE_Id, "u"},
-        {"int32", SPA_TYPE_Int, "i"},      {"int64", SPA_TYPE_Long, "x"},
-        {"float", SPA_TYPE_Float, "f"},    {"double", SPA_TYPE_Double, "d"},
-        {"string", SPA_TYPE_String, "s"},  {"array", SPA_TYPE_Array, "a"},
-        {"struct", SPA_TYPE_Struct, "()"}, {nullptr, 0, nullptr},
+	{"boolean", SPA_TYPE_Bool, "b"},   {"uint32", SPA_TYPE_Id, "u"},
+	{"int32", SPA_TYPE_Int, "i"},	   {"int64", SPA_TYPE_Long, "x"},
+	{"float", SPA_TYPE_Float, "f"},	   {"double", SPA_TYPE_Double, "d"},
+	{"string", SPA_TYPE_String, "s"},  {"array", SPA_TYPE_Array, "a"},
+	{"struct", SPA_TYPE_Struct, "()"}, {nullptr, 0, nullptr},
 };
 
-namespace
-{
+namespace {
 
 /** Largest value that a description may have, in bytes. */
 constexpr uint32_t MAX_VALUE_SIZE = 0xfffff;
@@ -155,8 +154,7 @@ class pod_walk
 {
 public:
 	explicit pod_walk(const spa_pod *parent)
-	    : at{static_cast<const uint8_t *>(body_of(parent))}
-	    , left{parent->size}
+		: at{static_cast<const uint8_t *>(body_of(parent))}, left{parent->size}
 	{
 	}
 
@@ -259,7 +257,7 @@ bool parse_array(hs_pod *pod, const spa_pod *value)
 	json.add("[ ");
 	for (uint32_t i = 0; signature && i < pod->n_elements && !json.full(); i++) {
 		const auto *element =
-		        static_cast<const uint8_t *>(pod->elements) + size_t{i} * pod->element_size;
+			static_cast<const uint8_t *>(pod->elements) + size_t{i} * pod->element_size;
 		digits buffer;
 		const char *text = scalar_text(pod->element_type, element, pod->element_size, buffer);
 		if (!text) {
@@ -286,7 +284,7 @@ bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json
 	const char *name = key ? text_of(key) : nullptr;
 	digits buffer;
 	const char *text =
-	        name && value ? scalar_text(value->type, body_of(value), value->size, buffer) : nullptr;
+		name && value ? scalar_text(value->type, body_of(value), value->size, buffer) : nullptr;
 	if (!text) {
 		pw_log_warn("Failed to parse simple type '%s' in %s.", "NULL", name ? name : "(null)");
 		return false;
@@ -319,7 +317,7 @@ bool parse_struct(hs_pod *pod, const spa_pod *params)
 		const spa_pod *value = walk.next();
 		if (!parse_member(key, value, &json, &signature)) {
 			pw_log_warn("Could not parse struct POD type for %d.",
-			            static_cast<int>(params->type));
+				    static_cast<int>(params->type));
 			return false;
 		}
 		if (json.full())
@@ -384,7 +382,7 @@ hs_pod_ptr hs_pod_new(const char *title, const char *description, const char *ty
 		new_pod->type = type;
 	if (value)
 		hs_text_writer{new_pod->value, sizeof(new_pod->value)}.add(
-		        cut(valid_text(value, &copy), sizeof(new_pod->value)));
+			cut(valid_text(value, &copy), sizeof(new_pod->value)));
 	return new_pod;
 }
 

@@ -2,7 +2,8 @@
  * Typed values: as PODs towards the plug-in, as text inside the daemon.
  *
  * PODs come from plug-ins and are never trusted: whatever does not have the form of a description gives
- * null and a warning.
+ * null and
+ * a log line.
  */
 #pragma once
 

@@ -10,8 +10,7 @@
 #include "log.hpp"
 #include "text-writer.hpp"
 
-namespace
-{
+namespace {
 
 /** An object text in a table is shorter than this. */
 constexpr size_t OBJECT_SIZE = 1024;
@@ -52,8 +51,7 @@ const spa_dict_item *find_item(const pw_properties *table, const char *title)
 	if (!table)
 		return nullptr;
 
-	/* Events are kept under their titles: for them the walk, which parses what it passes, can be spared.
-	 */
+	/* Events are kept under their titles: they need no walk, which parses what it passes. */
 	const spa_dict_item *item = title ? spa_dict_lookup_item(&table->dict, title) : nullptr;
 	if (item && is_titled(item->value, title))
 		return item;
@@ -142,7 +140,7 @@ void hs_props_set_value(pw_properties *table, const char *title, const char *val
 {
 	if (!set_value(table, title, value))
 		pw_log_error("Failed to set value %s for props title %s", value ? value : "(null)",
-		             title ? title : "(null)");
+			     title ? title : "(null)");
 }
 
 hs_properties_ptr hs_props_find(const pw_properties *table, const char *title)

@@ -14,9 +14,7 @@ class hs_text_writer
 {
 public:
 	/** `buffer` is borrowed; a size of 0 is full from the start. */
-	hs_text_writer(char *buffer, size_t size)
-	    : at{buffer}
-	    , room{size}
+	hs_text_writer(char *buffer, size_t size) : at{buffer}, room{size}
 	{
 		if (room > 0)
 			*at = '\0';

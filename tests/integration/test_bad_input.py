@@ -66,7 +66,7 @@ def test_configuration_that_is_a_dangling_link_drops_the_plug_in(bed, neighbour)
 )
 def test_configuration_that_is_no_proper_document_does_no_harm(bed, neighbour, text):
     bed.stage.conf("broken", text)
-    bed.stage.library("broken")
+    bed.stage.install_library("broken")
     bed.microphone()
     daemon, client = bed.start()
     assert_works(client, neighbour)
@@ -77,7 +77,7 @@ def test_configuration_that_is_no_proper_document_does_no_harm(bed, neighbour, t
 @pytest.mark.parametrize("value", ["text", "[ 1, 2 ]", "{ broken", 5])
 def test_plug_in_part_that_is_no_object_does_no_harm(bed, neighbour, value):
     bed.stage.conf("broken", {"plugin.config": value, "plugin.info": value, "source.0": value})
-    bed.stage.library("broken")
+    bed.stage.install_library("broken")
     bed.microphone()
     daemon, client = bed.start()
     assert_works(client, neighbour)

@@ -88,7 +88,7 @@ def test_missing_library_is_one_error_per_node(bed, other):
 
 def test_library_with_another_factory_is_one_error_per_node(bed, other):
     plugin = bed.plugin(library=False)
-    bed.stage.library("motion", f"{system_spa_dir()}/support/libspa-support.so")
+    bed.stage.install_library("motion", f"{system_spa_dir()}/support/libspa-support.so")
     bed.quiet_microphone()
     daemon, client = bed.start()
     assert_other_works(client, other)
@@ -184,7 +184,7 @@ def test_configuration_reaches_the_plug_in_at_load_and_at_init(bed):
 
 def test_configuration_without_a_plug_in_part_holds_only_preview(bed):
     bed.stage.conf("bare", {"plugin.info": {}})
-    bed.stage.library("bare")
+    bed.stage.install_library("bare")
     bed.quiet_microphone()
     _, client = bed.start()
     client.wait_added("/com/orvel/HearSense/AudioDevice0Input0/Unprocessed/If_bare")

@@ -138,7 +138,7 @@ class Stage:
         ):
             path.mkdir(parents=True)
 
-    def library(self, name, target=None):
+    def install_library(self, name, target=None):
         """Makes a library loadable under a plug-in's name: the scripted plug-in, if not told otherwise."""
         link = self.spa / "hear-sense" / f"libspa-hs-{name}.so"
         link.symlink_to(target or self.build / "tests/plugins/libspa-hs-scripted.so")
@@ -167,7 +167,7 @@ class Stage:
             content["plugin.info"] = info
         self.conf(file_name, content | (conf or {}))
         if library:
-            self.library(file_name)
+            self.install_library(file_name)
         return plugin
 
     def settings_file(self, plugin, node="AudioDevice0Input0"):
