@@ -188,3 +188,22 @@ void hs_settings_write(const pw_properties *settings)
 	}
 	hs_atomic_file_write(path, write_settings, values.get());
 }
+
+bool hs_settings_value_survives(const char *value)
+{
+	/* A member behind it shows whether the value swallows what follows. */
+	const hs_properties_ptr values{pw_properties_new("value", value, "next", "kept", nullptr)};
+	char *text = nullptr;
+	size_t size = 0;
+	hs_file_ptr stream{open_memstream(&text, &size)};
+	if (!stream)
+		return false;
+	write_settings(stream.get(), values.get());
+	stream.reset();
+	const hs_malloc_ptr<char> owned{text};
+
+	const hs_properties_ptr read_back{pw_properties_new(nullptr, nullptr)};
+	pw_properties_update_string(read_back.get(), text, size);
+	return spa_streq(pw_properties_get(read_back.get(), "value"), value) &&
+	       spa_streq(pw_properties_get(read_back.get(), "next"), "kept");
+}

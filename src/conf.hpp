@@ -33,3 +33,6 @@ bool hs_conf_load_conf(const char *path, pw_properties *properties);
  * "$schema" and the value of every setting. Does nothing for a null table or one without a path.
  */
 void hs_settings_write(const pw_properties *settings);
+
+/** Whether a setting's value written to the file reads back as itself, with what stands behind it. */
+bool hs_settings_value_survives(const char *value);

@@ -381,6 +381,20 @@ bool hs_dbus_setup_plugin_instance_interface(hs_source *source, sd_bus *bus)
 	return add_property(source, bus, source->object_path, HS_DBUS_INSTANCE_INTERFACE, "o", "Source", false) >= 0;
 }
 
+void hs_dbus_add_private_events(hs_source *source, sd_bus *bus)
+{
+	if (!source->events)
+		return;
+	void *state = nullptr;
+	size_t position = 0;
+	while (const char *key = pw_properties_iterate(source->events, &state)) {
+		const hs_properties_ptr event(pw_properties_new_string(pw_properties_get(source->events, key)));
+		const std::string &interface = source->event_interfaces[position++];
+		if (!hs_plugin_event_is_public(source->plugin, interface.c_str()))
+			add_private_event(source, bus, interface, event.get());
+	}
+}
+
 bool hs_dbus_setup_plugin_interfaces(hs_source *source)
 {
 	hs_context *context = hs_context_get();

@@ -57,6 +57,9 @@ bool hs_dbus_setup_source_interface(hs_source *source, sd_bus *bus);
 bool hs_dbus_setup_audio_chain_interface(hs_source *source, sd_bus *bus);
 bool hs_dbus_setup_plugin_instance_interface(hs_source *source, sd_bus *bus);
 
+/** Publishes the source's non-public events on a private bus. */
+void hs_dbus_add_private_events(hs_source *source, sd_bus *bus);
+
 /** Publishes the instance with its settings and events on every bus, and counts its shared paths. */
 bool hs_dbus_setup_plugin_interfaces(hs_source *source);
 

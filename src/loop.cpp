@@ -51,6 +51,8 @@ struct bus_event_data {
 	/** One reference, owned, of a private bus; borrowed of the main bus. */
 	sd_bus *bus;
 	bool is_main;
+	/** Who a private bus was given to. */
+	uid_t user;
 	/** Borrowed. */
 	hs_loop *loop;
 	/** SPA_IO_ bits. */
@@ -70,6 +72,9 @@ static_assert(std::is_standard_layout_v<bus_event_data>);
 
 /* Stands for "never": the timer stays armed, so that one call serves both cases. */
 constexpr timespec far_future = {0x7fffffff, 999999999};
+
+/* sd-bus itself would keep hundreds of thousands, for ever. */
+constexpr uint64_t max_queued_messages = 1024;
 
 pw_loop *loop_of(const hs_loop *loop)
 {
@@ -224,6 +229,17 @@ void update_mask(bus_event_data *data, int events)
 	SPA_FLAG_UPDATE(data->mask, static_cast<uint32_t>(SPA_IO_OUT), (events & POLLOUT) != 0);
 }
 
+/** Whether so much waits for the client that it can not be reading any more. */
+bool is_stalled(const bus_event_data *data)
+{
+	uint64_t n_queued = 0;
+	if (data->is_main || sd_bus_get_n_queued_write(data->bus, &n_queued) < 0 || n_queued <= max_queued_messages)
+		return false;
+	pw_log_warn("Closing private bus %p of user %u: its client has left %" PRIu64 " messages unread",
+		    static_cast<void *>(data->bus), data->user, n_queued);
+	return true;
+}
+
 bus_wait ask_bus(bus_event_data *data)
 {
 	constexpr uint64_t usec_per_sec = 1000000;
@@ -239,6 +255,8 @@ bus_wait ask_bus(bus_event_data *data)
 			    std::strerror(-events));
 		return give_up(data, BUS_STATE_QUIT);
 	}
+	if (is_stalled(data))
+		return give_up(data, BUS_STATE_DESTROY);
 	update_mask(data, events);
 
 	uint64_t usec = 0;
@@ -379,6 +397,27 @@ bool hs_loop_add_bus(hs_loop *loop, sd_bus *bus)
 	spa_list_append(&loop->event_data_list, &data->link);
 	static_cast<void>(data.release());
 	return true;
+}
+
+void hs_loop_set_bus_user(hs_loop *loop, sd_bus *bus, uid_t user)
+{
+	bus_event_data *data = find_bus(loop, bus);
+	HS_ASSERT(data);
+	data->user = user;
+}
+
+hs_loop_bus_count hs_loop_count_buses(hs_loop *loop, uid_t user)
+{
+	hs_loop_bus_count count{};
+	const bus_event_data *data;
+	spa_list_for_each(data, &loop->event_data_list, link) {
+		if (data->is_main)
+			continue;
+		++count.all;
+		if (data->user == user)
+			++count.of_user;
+	}
+	return count;
 }
 
 int hs_loop_run(hs_loop *loop, sd_bus *bus)

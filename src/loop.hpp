@@ -12,6 +12,8 @@
 
 #include <spa/utils/list.h>
 
+#include <sys/types.h>
+
 struct pw_main_loop;
 struct sd_bus;
 struct spa_source;
@@ -29,6 +31,17 @@ void hs_loop_destroy(hs_loop *loop);
 
 /** Attaches a private bus and takes its reference over; false where it is attached already or cannot be. */
 bool hs_loop_add_bus(hs_loop *loop, sd_bus *bus);
+
+/** Remembers which user an attached private bus was given to. */
+void hs_loop_set_bus_user(hs_loop *loop, sd_bus *bus, uid_t user);
+
+struct hs_loop_bus_count {
+	uint32_t all;
+	uint32_t of_user;
+};
+
+/** How many private buses are attached, in all and by that user. */
+hs_loop_bus_count hs_loop_count_buses(hs_loop *loop, uid_t user);
 
 /** Attaches the main bus, borrowed, and runs until the loop quits. A negative result is a failure. */
 int hs_loop_run(hs_loop *loop, sd_bus *bus);

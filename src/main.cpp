@@ -17,6 +17,7 @@
 #include "conf.hpp"
 #include "context.hpp"
 #include "dbus.hpp"
+#include "feature-flag.hpp"
 #include "log.hpp"
 #include "loop.hpp"
 #include "metrics.hpp"
@@ -120,7 +121,10 @@ constexpr pw_core_events core_events = [] {
 bool connect_pipewire(daemon_parts *parts)
 {
 	pw_properties *props = pw_properties_new("context.num-data-loops", "0", nullptr);
+	/* The clients' configuration of some systems silences the log, errors too. */
+	const spa_log_level log_level = pw_log_level;
 	parts->pipewire = pw_context_new(pw_main_loop_get_loop(parts->loop->main_loop), props, 0);
+	pw_log_set_level(log_level);
 	if (!parts->pipewire) {
 		pw_log_error("Could not create PipeWire context: %m");
 		return false;
@@ -179,6 +183,8 @@ int run_daemon(daemon_parts *parts, const char *config_path)
 	hs_context *context = hs_context_new(parts->pipewire, parts->core, parts->loop, parts->registry, bus);
 	parts->bus = nullptr;
 	hs_registry_add_listener(context->registry);
+	hs_feature_flag_setup_dbus_signals(bus, parts->loop);
+	context->preview_enabled = hs_feature_flag_is_preview_enabled(bus);
 
 	if (!load_plugins(context, config_path))
 		return 0;

@@ -30,6 +30,7 @@ struct hs_release {
 
 using hs_properties_ptr = std::unique_ptr<pw_properties, hs_release<pw_properties_free>>;
 using hs_bus_ptr = std::unique_ptr<sd_bus, hs_release<sd_bus_unref>>;
+using hs_creds_ptr = std::unique_ptr<sd_bus_creds, hs_release<sd_bus_creds_unref>>;
 using hs_message_ptr = std::unique_ptr<sd_bus_message, hs_release<sd_bus_message_unref>>;
 
 using hs_file_ptr = std::unique_ptr<FILE, hs_release<std::fclose>>;

@@ -2,8 +2,7 @@
  * Typed values: as PODs towards the plug-in, as text inside the daemon.
  *
  * PODs come from plug-ins and are never trusted: whatever does not have the form of a description gives
- * null and
- * a log line.
+ * null and a log line.
  */
 #pragma once
 

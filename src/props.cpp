@@ -63,19 +63,35 @@ const spa_dict_item *find_item(const pw_properties *table, const char *title)
 	return nullptr;
 }
 
+/** Renders the item's object with another "value"; false where it does not fit. */
+bool render_with_value(const spa_dict_item *item, const char *value, char (&text)[OBJECT_SIZE])
+{
+	const hs_properties_ptr object{pw_properties_new_string(item->value)};
+	pw_properties_set(object.get(), "value", value);
+	return hs_props_to_json(object.get(), text, sizeof(text)) >= 0;
+}
+
 bool set_value(pw_properties *table, const char *title, const char *value)
 {
 	const spa_dict_item *item = find_item(table, title);
-	if (!item)
-		return false;
-
-	const hs_properties_ptr object{pw_properties_new_string(item->value)};
-	pw_properties_set(object.get(), "value", value);
-
 	char text[OBJECT_SIZE];
-	if (hs_props_to_json(object.get(), text, sizeof(text)) < 0)
+	if (!item || !render_with_value(item, value, text))
 		return false;
 	pw_properties_set(table, item->key, text);
+	return true;
+}
+
+/** Whether both tables have the same members with the same values, "value" aside. */
+bool same_but_for_value(const pw_properties *a, const pw_properties *b)
+{
+	if (a->dict.n_items != b->dict.n_items)
+		return false;
+	const spa_dict_item *item;
+	spa_dict_for_each(item, &a->dict)
+	{
+		if (!spa_streq(item->key, "value") && !spa_streq(item->value, pw_properties_get(b, item->key)))
+			return false;
+	}
 	return true;
 }
 
@@ -148,4 +164,16 @@ hs_properties_ptr hs_props_find(const pw_properties *table, const char *title)
 	const spa_dict_item *item = find_item(table, title);
 
 	return hs_properties_ptr{item ? pw_properties_new_string(item->value) : nullptr};
+}
+
+bool hs_props_value_survives(const pw_properties *table, const char *title, const char *value)
+{
+	const spa_dict_item *item = find_item(table, title);
+	char text[OBJECT_SIZE];
+	if (!item || !render_with_value(item, value, text))
+		return false;
+	const hs_properties_ptr before{pw_properties_new_string(item->value)};
+	const hs_properties_ptr after{pw_properties_new_string(text)};
+	return spa_streq(pw_properties_get(after.get(), "value"), value) &&
+	       same_but_for_value(before.get(), after.get());
 }

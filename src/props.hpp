@@ -34,3 +34,6 @@ void hs_props_set_value(pw_properties *table, const char *title, const char *val
 
 /** A copy of the object titled `title`; null where there is none or the table is null. */
 hs_properties_ptr hs_props_find(const pw_properties *table, const char *title);
+
+/** Whether `value`, set in the entry titled `title`, would read back as itself, and the entry stay whole. */
+bool hs_props_value_survives(const pw_properties *table, const char *title, const char *value);
