@@ -27,6 +27,7 @@ def pytest_configure(config):
     wrapper = config.getoption("--daemon-wrapper")
     if wrapper is not None:
         os.environ["HS_TEST_WRAPPER"] = wrapper
+    config.addinivalue_line("markers", "seconds(limit): how long the test may take")
     if "HS_BUILD_DIR" not in os.environ:
         raise pytest.UsageError("set HS_BUILD_DIR to the build directory")
 
@@ -42,13 +43,14 @@ def pytest_runtest_makereport(item, call):
 
 
 def _too_long(number, frame):
-    raise TimeoutError(f"the test took longer than {TEST_SECONDS * SCALE:g} s")
+    raise TimeoutError("the test took too long")
 
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_protocol(item, nextitem):
     signal.signal(signal.SIGALRM, _too_long)
-    signal.alarm(int(TEST_SECONDS * SCALE))
+    mark = item.get_closest_marker("seconds")
+    signal.alarm(int((mark.args[0] if mark else TEST_SECONDS) * SCALE))
     yield
     signal.alarm(0)
 

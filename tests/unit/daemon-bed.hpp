@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-#include <pipewire/extensions/metadata.h>
+#include <pipewire/impl-metadata.h>
 #include <pipewire/impl.h>
 #include <pipewire/pipewire.h>
 
@@ -41,7 +41,8 @@
 
 /** Makes a plug-in for each handle of the library, and keeps it after the handle is gone. */
 struct hs_test_host : hs_library_host {
-	hs_test_host() : hs_library_host{on_init, on_get_interface, on_clear}
+	hs_test_host()
+	    : hs_library_host{on_init, on_get_interface, on_clear}
 	{
 	}
 
@@ -71,8 +72,7 @@ private:
 		hs_test_host *self = self_of(host);
 		self->config.clear();
 		const spa_dict_item *item;
-		spa_dict_for_each(item, config)
-			self->config.emplace_back(item->key, item->value);
+		spa_dict_for_each(item, config) self->config.emplace_back(item->key, item->value);
 		self->n_handles += self->init_result >= 0;
 		return self->init_result;
 	}
@@ -115,7 +115,8 @@ private:
 		std::filesystem::create_directories(directory / "hear-sense");
 		for (const char *name : {"motion", "sound"})
 			std::filesystem::create_symlink(
-				HS_TEST_LIBRARY, directory / ("hear-sense/libspa-hs-" + std::string{name} + ".so"));
+			        HS_TEST_LIBRARY,
+			        directory / ("hear-sense/libspa-hs-" + std::string{name} + ".so"));
 		hs_write_text(directory / "client.conf", R"(
 			context.spa-libs = {
 				audio.convert.* = audioconvert/libspa-audioconvert
@@ -146,7 +147,8 @@ private:
 class hs_bed_bus
 {
 public:
-	hs_bed_bus() : hs_bed_bus{hs_new_bus_pair()}
+	hs_bed_bus()
+	    : hs_bed_bus{hs_new_bus_pair()}
 	{
 	}
 
@@ -164,7 +166,8 @@ public:
 
 private:
 	explicit hs_bed_bus(hs_bus_pair pair)
-		: server{std::move(pair.server)}, client{std::move(pair.client), [this] { sd_bus_process(bus(), nullptr); }}
+	    : server{std::move(pair.server)}
+	    , client{std::move(pair.client), [this] { sd_bus_process(bus(), nullptr); }}
 	{
 		sd_bus_add_object_manager(server.get(), nullptr, "/");
 		client.ping();
@@ -212,20 +215,25 @@ public:
 	hs_daemon_bed(const hs_daemon_bed &) = delete;
 	hs_daemon_bed &operator=(const hs_daemon_bed &) = delete;
 
-	/** A configuration file for the test's library: `members` go into "plugin.config", `rest` beside it. */
-	std::string write_conf(const std::string &name, const std::string &rest = "", const std::string &members = "")
+	/** A configuration file for the test's library: `members` go into "plugin.config", `rest` beside it.
+	 */
+	std::string write_conf(const std::string &name, const std::string &rest = "",
+	                       const std::string &members = "")
 	{
 		char address[32];
-		std::snprintf(address, sizeof(address), "%p", static_cast<void *>(static_cast<hs_library_host *>(&host)));
+		std::snprintf(address, sizeof(address), "%p",
+		              static_cast<void *>(static_cast<hs_library_host *>(&host)));
 		std::string path = directory / ("confs/" + name + ".conf");
-		hs_write_text(path, "plugin.config = { " HS_LIBRARY_HOST_KEY " = \"" + std::string{address} + "\" " +
-					    members + " }\n" + rest + "\n");
+		hs_write_text(path, "plugin.config = { " HS_LIBRARY_HOST_KEY " = \"" + std::string{address} +
+		                            "\" " + members + " }\n" + rest + "\n");
 		return path;
 	}
 
-	hs_plugin *add_plugin(const std::string &name, const std::string &rest = "", const std::string &members = "")
+	hs_plugin *add_plugin(const std::string &name, const std::string &rest = "",
+	                      const std::string &members = "")
 	{
-		return hs_plugin_new(context, write_conf(name, rest, members).c_str(), schemas.c_str(), settings.c_str());
+		return hs_plugin_new(context, write_conf(name, rest, members).c_str(), schemas.c_str(),
+		                     settings.c_str());
 	}
 
 	/** A private bus, attached to the loop. */
@@ -250,8 +258,8 @@ public:
 	/** Gives the graph a node. */
 	pw_impl_node *add_node(const std::string &name, const char *media_class)
 	{
-		pw_properties *props = pw_properties_new(PW_KEY_NODE_NAME, name.c_str(), PW_KEY_MEDIA_CLASS, media_class,
-							 nullptr);
+		pw_properties *props = pw_properties_new(PW_KEY_NODE_NAME, name.c_str(), PW_KEY_MEDIA_CLASS,
+		                                         media_class, nullptr);
 		pw_impl_node *node = pw_context_create_node(pipewire, props, 0);
 		if (!node || pw_impl_node_register(node, nullptr) < 0)
 			throw std::runtime_error{"the graph takes no node"};
@@ -265,20 +273,18 @@ public:
 	}
 
 	/** Gives the graph a metadata object. */
-	pw_metadata *add_metadata(const char *name)
+	pw_impl_metadata *add_metadata(const char *name)
 	{
-		const hs_properties_ptr props(pw_properties_new(PW_KEY_METADATA_NAME, name, nullptr));
-		auto *metadata = static_cast<pw_metadata *>(pw_core_create_object(
-			core, "metadata", PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA, &props->dict, 0));
-		if (!metadata)
+		pw_impl_metadata *metadata = pw_context_create_metadata(pipewire, name, nullptr, 0);
+		if (!metadata || pw_impl_metadata_register(metadata, nullptr) < 0)
 			throw std::runtime_error{"the graph takes no metadata"};
 		settle();
 		return metadata;
 	}
 
-	void remove_metadata(pw_metadata *metadata)
+	void remove_metadata(pw_impl_metadata *metadata)
 	{
-		pw_proxy_destroy(reinterpret_cast<pw_proxy *>(metadata));
+		pw_impl_metadata_destroy(metadata);
 		settle();
 	}
 

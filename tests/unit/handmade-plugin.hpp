@@ -67,7 +67,7 @@ inline hs_description hs_describe_ints(std::string title, std::vector<int32_t> v
 {
 	return hs_describe(std::move(title), [values = std::move(values)](spa_pod_builder *b) {
 		spa_pod_builder_array(b, sizeof(int32_t), SPA_TYPE_Int, static_cast<uint32_t>(values.size()),
-				      values.data());
+		                      values.data());
 	});
 }
 
@@ -142,7 +142,8 @@ struct hs_handmade_plugin {
 	}
 
 	hs_plugin_methods methods{};
-	hs_plugin_interface interface{};
+	hs_plugin_interface interface {
+	};
 
 	/** All calls in order, but those that only ask for a number. */
 	std::vector<std::string> calls;
@@ -188,8 +189,7 @@ private:
 		self->stream = *info;
 		self->config.clear();
 		const spa_dict_item *item;
-		spa_dict_for_each(item, config)
-			self->config.emplace_back(item->key, item->value);
+		spa_dict_for_each(item, config) self->config.emplace_back(item->key, item->value);
 		return self->init_result;
 	}
 
@@ -212,7 +212,8 @@ private:
 	{
 		auto *self = static_cast<hs_handmade_plugin *>(obj);
 		if (!result && !builder)
-			return self->n_settings >= 0 ? self->n_settings : static_cast<int>(self->settings.size());
+			return self->n_settings >= 0 ? self->n_settings
+			                             : static_cast<int>(self->settings.size());
 		begin(obj, "get_setting");
 		return describe(self->settings, index, result, builder);
 	}
@@ -229,7 +230,7 @@ private:
 	}
 
 	static int describe(const std::vector<hs_description> &descriptions, uint32_t index, spa_pod **result,
-			    spa_pod_builder *builder)
+	                    spa_pod_builder *builder)
 	{
 		if (index >= descriptions.size())
 			return -EINVAL;

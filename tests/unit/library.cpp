@@ -10,7 +10,8 @@
 
 #include "library-host.hpp"
 
-namespace {
+namespace
+{
 
 struct test_handle {
 	spa_handle handle;
@@ -38,7 +39,8 @@ size_t on_get_size(const spa_handle_factory *, const spa_dict *)
 	return sizeof(test_handle);
 }
 
-int on_init(const spa_handle_factory *, spa_handle *handle, const spa_dict *info, const spa_support *, uint32_t)
+int on_init(const spa_handle_factory *, spa_handle *handle, const spa_dict *info, const spa_support *,
+            uint32_t)
 {
 	const char *address = spa_dict_lookup(info, HS_LIBRARY_HOST_KEY);
 	if (!address)

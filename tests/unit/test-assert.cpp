@@ -2,19 +2,27 @@
 #define NDEBUG
 #include "assert.hpp"
 
+#include <string>
+
 #include <gtest/gtest.h>
 
 namespace {
+
+constexpr int check_line = __LINE__ + 4;
 
 void check(int answer)
 {
 	HS_ASSERT(answer == 42);
 }
 
+constexpr int check_with_text_line = __LINE__ + 4;
+
 void check_with_text(const char *key)
 {
 	HS_ASSERT_TEXT(key, "key != ((void *)0)");
 }
+
+constexpr int unreachable_line = __LINE__ + 4;
 
 void reach_the_unreachable()
 {
@@ -34,19 +42,22 @@ bool count_call()
 TEST(AssertDeathTest, PrintsExpressionFileLineAndFunctionAndAborts)
 {
 	EXPECT_EXIT(check(41), testing::KilledBySignal(SIGABRT),
-		    "^'answer == 42' failed at .*test-assert\\.cpp:11 check\\(\\)\n$");
+		    "^'answer == 42' failed at .*test-assert\\.cpp:" + std::to_string(check_line) +
+			    " check\\(\\)\n$");
 }
 
 TEST(AssertDeathTest, PrintsTheGivenText)
 {
 	EXPECT_EXIT(check_with_text(nullptr), testing::KilledBySignal(SIGABRT),
-		    "^'key != \\(\\(void \\*\\)0\\)' failed at .*:16 check_with_text\\(\\)\n$");
+		    "^'key != \\(\\(void \\*\\)0\\)' failed at .*:" + std::to_string(check_with_text_line) +
+			    " check_with_text\\(\\)\n$");
 }
 
 TEST(AssertDeathTest, ReachingTheUnreachablePrintsWhereAndAborts)
 {
 	EXPECT_EXIT(reach_the_unreachable(), testing::KilledBySignal(SIGABRT),
-		    "^Code should not be reached at .*test-assert\\.cpp:21 reach_the_unreachable\\(\\)\n$");
+		    "^Code should not be reached at .*test-assert\\.cpp:" + std::to_string(unreachable_line) +
+			    " reach_the_unreachable\\(\\)\n$");
 }
 
 TEST(Assert, LetsWhatHoldsPassAndLooksOnce)

@@ -692,18 +692,21 @@ TEST_F(DBusProperty, EnableEventIsTheStatusOnTheBusThatAsks)
 
 TEST_F(DBusPropertyDeathTest, EnableEventNeedsAnInterfaceWithAPoint)
 {
-	EXPECT_DEATH(call_getter("b", "NoPoint", "EnableEvent"), "'event_name\\+\\+' failed at .*dbus-cb.cpp");
+	EXPECT_DEATH(call_getter("b", "NoPoint", "EnableEvent"), "'event_name\\+\\+' failed at ");
 }
 
+/* A peer without a bus between has no sender, so on the main bus its user is unknown. */
 TEST_F(DBusProperty, ARefusedWriteHasOneAnswerAndChangesNothing)
 {
-	ear.answer = 0;
+	hs_context_get()->bus = sd_bus_ref(server);
+	/* On the main bus a caller without a name has no rights. */
+	context->bus = sd_bus_ref(server);
 	for (const char *signature : {"b", "u", "i", "x", "f", "d", "s"}) {
 		store(settings_interface, signature, "1");
 		add_table(hs_dbus_cb_writeable_property(signature, signature), settings_interface);
 	}
 	const auto denied = [](const std::string &answer) {
-		return answer.rfind("org.freedesktop.DBus.Error.AccessDenied: ", 0) == 0;
+		return answer == "org.freedesktop.DBus.Error.AccessDenied: User unknown";
 	};
 	EXPECT_PRED1(denied, client->set(path, settings_interface, "b", "b", 0));
 	EXPECT_PRED1(denied, client->set(path, settings_interface, "u", "u", 2u));
@@ -721,6 +724,8 @@ TEST_F(DBusProperty, ARefusedWriteHasOneAnswerAndChangesNothing)
 
 TEST_F(DBusProperty, ARefusalLeavesTheValueUnread)
 {
+	hs_context_get()->bus = sd_bus_ref(server);
+	context->bus = sd_bus_ref(server);
 	sd_bus_message *message = nullptr;
 	sd_bus_message_new_signal(server, &message, "/", "com.example.A", "Any");
 	const hs_message_ptr owned{message};

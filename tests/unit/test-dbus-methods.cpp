@@ -432,7 +432,6 @@ TEST_F(DBusTrigger, DoesNothingForATitleWithAPoint)
 {
 	hs_paper_plugin &ear = bed.add_plugin("Ear");
 	hs_source *source = ear.add_source(node_name);
-	source->events = pw_properties_new(nullptr, nullptr);
 	const char *value = R"({ "Detected": "false" })";
 	hs_props_add_object(source->events, {{"title", "A.Noise"}, {"type", "struct"}, {"complexType", "(b)"}, {"value", value}});
 	source->event_interfaces = {"com.orvel.HearSense.Events.Ear.A.Noise"};

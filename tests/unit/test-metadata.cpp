@@ -11,7 +11,8 @@
 #include "pcm.hpp"
 #include "source.hpp"
 
-namespace {
+namespace
+{
 
 using calls = std::vector<std::string>;
 
@@ -70,7 +71,7 @@ struct Metadata : testing::Test {
 	}
 
 	hs_daemon_bed bed;
-	pw_metadata *object;
+	pw_impl_metadata *object;
 	hs_metadata *watch;
 	hs_plugin *plugin = nullptr;
 };
@@ -113,12 +114,14 @@ TEST_F(Metadata, FirstDeviceOfTheTableThatFitsCounts)
 
 TEST_F(MetadataDeathTest, NullWatchAborts)
 {
-	EXPECT_DEATH(hs_metadata_get(nullptr, "a", "b"), "'metadata' failed at .*metadata.cpp:[0-9]+ hs_metadata_get\\(\\)");
+	EXPECT_DEATH(hs_metadata_get(nullptr, "a", "b"),
+	             "'metadata' failed at .*metadata.cpp:[0-9]+ hs_metadata_get\\(\\)");
 	EXPECT_DEATH(hs_metadata_setup_listener(nullptr, 1, PW_TYPE_INTERFACE_Metadata, nullptr),
-		     "'metadata' failed at .*metadata.cpp:[0-9]+ hs_metadata_setup_listener\\(\\)");
+	             "'metadata' failed at .*metadata.cpp:[0-9]+ hs_metadata_setup_listener\\(\\)");
 	bed.context->registry->metadata = nullptr;
-	EXPECT_DEATH(spa_callbacks_call(&watch->listener.cb, pw_metadata_events, property, 0, 0, device_key, "", "{ }"),
-		     "'metadata' failed at .*metadata.cpp:[0-9]+ property_changed\\(\\)");
+	EXPECT_DEATH(spa_callbacks_call(&watch->listener.cb, pw_metadata_events, property, 0, 0, device_key,
+	                                "", "{ }"),
+	             "'metadata' failed at .*metadata.cpp:[0-9]+ property_changed\\(\\)");
 	bed.context->registry->metadata = watch;
 }
 
@@ -126,7 +129,7 @@ TEST(MetadataWithoutContextDeathTest, Aborts)
 {
 	hs_metadata *watch = hs_metadata_new();
 	EXPECT_DEATH(hs_metadata_setup_listener(watch, 1, PW_TYPE_INTERFACE_Metadata, nullptr),
-		     "'context' failed at .*metadata.cpp:[0-9]+ hs_metadata_setup_listener\\(\\)");
+	             "'context' failed at .*metadata.cpp:[0-9]+ hs_metadata_setup_listener\\(\\)");
 	hs_metadata_destroy(watch);
 	hs_metadata_destroy(nullptr);
 }
@@ -134,14 +137,14 @@ TEST(MetadataWithoutContextDeathTest, Aborts)
 TEST_F(Metadata, ChangeOfTheObjectReachesTheTable)
 {
 	const hs_log_capture capture;
-	pw_metadata_set_property(object, 3, device_key, "Spa:String:JSON", internal_a1);
+	pw_impl_metadata_set_property(object, 3, device_key, "Spa:String:JSON", internal_a1);
 	bed.settle();
 	EXPECT_EQ(connection("AudioDevice0Input0"), internal_a1);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG,
-				std::string{"Got metadata - id: 3, key: "} + device_key + ", type: Spa:String:JSON"),
-		  1u)
-		<< capture.text();
-	pw_metadata_set_property(object, 3, device_key, nullptr, nullptr);
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, std::string{"Got metadata - id: 3, key: "} + device_key +
+	                                                     ", type: Spa:String:JSON"),
+	          1u)
+	        << capture.text();
+	pw_impl_metadata_set_property(object, 3, device_key, nullptr, nullptr);
 	bed.settle();
 	EXPECT_EQ(connection("AudioDevice0Input0"), "(none)");
 }
@@ -162,8 +165,9 @@ TEST_F(Metadata, NullValueRemovesTheConnection)
 
 TEST_F(Metadata, OtherKeysAreIgnored)
 {
-	for (const char *key : {"virtual_node_connection.audioDevice0", "virtual_node_connection", "",
-				"xvirtual_node_connection.AudioDevice0", "virtual_node_connection.AudioDevic"})
+	for (const char *key :
+	     {"virtual_node_connection.audioDevice0", "virtual_node_connection", "",
+	      "xvirtual_node_connection.AudioDevice0", "virtual_node_connection.AudioDevic"})
 		set(key, internal_a1);
 	set(nullptr, internal_a1);
 	set(nullptr, nullptr);
@@ -193,7 +197,8 @@ TEST_F(Metadata, UnknownNameIsNotBound)
 TEST_F(Metadata, SortedDictionaryIsSearchedInHalves)
 {
 	hs_metadata_unbind(watch);
-	const spa_dict_item unsorted[] = {{"z", "1"}, {"y", "1"}, {"x", "1"}, {"metadata.name", "virtual-nodes"}};
+	const spa_dict_item unsorted[] = {
+	        {"z", "1"}, {"y", "1"}, {"x", "1"}, {"metadata.name", "virtual-nodes"}};
 	const spa_dict_item sorted[] = {{"a", "1"}, {"metadata.name", "virtual-nodes"}, {"x", "1"}};
 	spa_dict props = SPA_DICT_INIT_ARRAY(unsorted);
 	props.flags = SPA_DICT_FLAG_SORTED;
@@ -217,7 +222,8 @@ TEST_F(Metadata, ObjectThatCanNotBeBoundIsAnError)
 	const hs_log_capture capture;
 	hs_metadata_setup_listener(watch, watch->id, "No:Such:Interface", &props->dict);
 	EXPECT_EQ(watch->proxy, nullptr);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Unable to bind virtual-nodes metadata"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Unable to bind virtual-nodes metadata"), 1u)
+	        << capture.text();
 }
 
 TEST_F(Metadata, UnbindingTwiceIsOnce)

@@ -14,14 +14,16 @@
 #include "props.hpp"
 #include "source.hpp"
 
-namespace {
+namespace
+{
 
 using calls = std::vector<std::string>;
 using members = std::vector<std::pair<std::string, bool>>;
 
 /** A source with events but without a bus, made by hand. */
 struct PcmEvent : testing::Test {
-	PcmEvent() : events(pw_properties_new(nullptr, nullptr))
+	PcmEvent()
+	    : events(pw_properties_new(nullptr, nullptr))
 	{
 		std::strcpy(record.name, "motion");
 		source.name = "AudioDevice0Input0.Unprocessed";
@@ -34,8 +36,9 @@ struct PcmEvent : testing::Test {
 
 	void store(const char *title, const char *type, const char *value) const
 	{
-		hs_props_add_object(events.get(),
-				    {{"title", title}, {"type", type}, {"complexType", ""}, {"value", value}});
+		hs_props_add_object(
+		        events.get(),
+		        {{"title", title}, {"type", type}, {"complexType", ""}, {"value", value}});
 	}
 
 	std::string stored(const char *title) const
@@ -97,14 +100,16 @@ struct PcmEventSignals : testing::Test {
 	std::vector<std::string> told()
 	{
 		EXPECT_TRUE(bus->client.ping());
-		std::vector<std::string> contents = bus->client.contents(source->object_path, "PropertiesChanged");
+		std::vector<std::string> contents =
+		        bus->client.contents(source->object_path, "PropertiesChanged");
 		bus->client.forget_signals();
 		return contents;
 	}
 
 	static std::string level(int value)
 	{
-		return "\"com.orvel.HearSense.Events.Mover.Level\", [\"Level\": i " + std::to_string(value) + "], []";
+		return "\"com.orvel.HearSense.Events.Mover.Level\", [\"Level\": i " + std::to_string(value) +
+		       "], []";
 	}
 
 	hs_pw_source node{};
@@ -158,27 +163,27 @@ TEST_F(PcmEvent, NumbersMayBeHexadecimalOrOctal)
 TEST_F(PcmEvent, ValueThatDoesNotFitItsTypeIsRejected)
 {
 	const std::pair<const char *, const char *> bad[] = {
-		{"int32", "2147483648"},
-		{"int32", "-2147483649"},
-		{"int32", ""},
-		{"int32", "1x"},
-		{"int32", "08"},
-		{"int32", "1.5"},
-		{"int32", "99999999999999999999"},
-		{"uint32", "4294967296"},
-		{"uint32", ""},
-		{"uint32", "-1"},
-		{"uint32", "five"},
-		{"int64", "9223372036854775808"},
-		{"int64", ""},
-		{"int64", "1 "},
-		{"float", ""},
-		{"float", "1,5"},
-		{"float", "1.5 "},
-		{"float", "1e99"},
-		{"double", ""},
-		{"double", "1e999"},
-		{"double", "loud"},
+	        {"int32", "2147483648"},
+	        {"int32", "-2147483649"},
+	        {"int32", ""},
+	        {"int32", "1x"},
+	        {"int32", "08"},
+	        {"int32", "1.5"},
+	        {"int32", "99999999999999999999"},
+	        {"uint32", "4294967296"},
+	        {"uint32", ""},
+	        {"uint32", "-1"},
+	        {"uint32", "five"},
+	        {"int64", "9223372036854775808"},
+	        {"int64", ""},
+	        {"int64", "1 "},
+	        {"float", ""},
+	        {"float", "1,5"},
+	        {"float", "1.5 "},
+	        {"float", "1e99"},
+	        {"double", ""},
+	        {"double", "1e999"},
+	        {"double", "loud"},
 	};
 	store("E", "int32", "7");
 	for (const auto &[type, value] : bad) {
@@ -186,9 +191,10 @@ TEST_F(PcmEvent, ValueThatDoesNotFitItsTypeIsRejected)
 		bool report_changed = true;
 		EXPECT_FALSE(update(type, value, &report_changed)) << type << " " << value;
 		EXPECT_FALSE(report_changed);
-		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, std::string{"Failed to parse \"E\"=\""} + value + "\" as " + type),
-			  1u)
-			<< capture.text();
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
+		                        std::string{"Failed to parse \"E\"=\""} + value + "\" as " + type),
+		          1u)
+		        << capture.text();
 		EXPECT_EQ(capture.complaints(), 1u) << capture.text();
 		EXPECT_EQ(stored("E"), "7");
 	}
@@ -197,9 +203,9 @@ TEST_F(PcmEvent, ValueThatDoesNotFitItsTypeIsRejected)
 TEST_F(PcmEvent, ValueThatFitsItsTypeIsTaken)
 {
 	const std::pair<const char *, const char *> good[] = {
-		{"uint32", "4294967295"}, {"uint32", "0xffffffff"},	 {"int64", "-9223372036854775808"},
-		{"float", "1.5"},	  {"float", "-0.000000"},	 {"float", "1e10"},
-		{"double", "1e300"},	  {"double", "123456789.123456"},
+	        {"uint32", "4294967295"}, {"uint32", "0xffffffff"},       {"int64", "-9223372036854775808"},
+	        {"float", "1.5"},         {"float", "-0.000000"},         {"float", "1e10"},
+	        {"double", "1e300"},      {"double", "123456789.123456"},
 	};
 	store("E", "string", "");
 	for (const auto &[type, value] : good) {
@@ -228,8 +234,10 @@ TEST_F(PcmEvent, UnknownTypeIsRejected)
 	const hs_log_capture capture;
 	EXPECT_FALSE(update("colour", "red"));
 	EXPECT_FALSE(update(nullptr, "red"));
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Unsupported type 'colour' (\"E\"=\"red\")"), 1u) << capture.text();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Unsupported type '(null)' (\"E\"=\"red\")"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Unsupported type 'colour' (\"E\"=\"red\")"), 1u)
+	        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Unsupported type '(null)' (\"E\"=\"red\")"), 1u)
+	        << capture.text();
 	EXPECT_EQ(stored("E"), "7");
 }
 
@@ -247,7 +255,8 @@ TEST_F(PcmEvent, StructureThatChangesOutsideReportDoesNotReport)
 {
 	store("E", "struct", "{\n  \"Detected\": \"false\",\n  \"Report\": \"true\"\n }");
 	bool report_changed = true;
-	EXPECT_TRUE(update("struct", "{\n  \"Detected\": \"true\",\n  \"Report\": \"true\"\n }", &report_changed));
+	EXPECT_TRUE(update("struct", "{\n  \"Detected\": \"true\",\n  \"Report\": \"true\"\n }",
+	                   &report_changed));
 	EXPECT_FALSE(report_changed);
 	EXPECT_EQ(stored("E"), "{\n  \"Detected\": \"true\",\n  \"Report\": \"true\"\n }");
 }
@@ -256,7 +265,8 @@ TEST_F(PcmEvent, StructureThatChangesReportReports)
 {
 	store("E", "struct", "{\n  \"Detected\": \"false\",\n  \"Report\": \"true\"\n }");
 	bool report_changed = false;
-	EXPECT_TRUE(update("struct", "{\n  \"Detected\": \"false\",\n  \"Report\": \"false\"\n }", &report_changed));
+	EXPECT_TRUE(update("struct", "{\n  \"Detected\": \"false\",\n  \"Report\": \"false\"\n }",
+	                   &report_changed));
 	EXPECT_TRUE(report_changed);
 }
 
@@ -264,7 +274,8 @@ TEST_F(PcmEvent, ReportThatComesOrGoesReports)
 {
 	store("E", "struct", "{\n  \"Detected\": \"false\"\n }");
 	bool report_changed = false;
-	EXPECT_TRUE(update("struct", "{\n  \"Detected\": \"false\",\n  \"Report\": \"false\"\n }", &report_changed));
+	EXPECT_TRUE(update("struct", "{\n  \"Detected\": \"false\",\n  \"Report\": \"false\"\n }",
+	                   &report_changed));
 	EXPECT_TRUE(report_changed);
 	report_changed = false;
 	EXPECT_TRUE(update("struct", "{\n  \"Detected\": \"true\"\n }", &report_changed));
@@ -292,7 +303,8 @@ TEST_F(PcmEvent, EventThatWasNeverDescribedCanNotBeStored)
 	store("Other", "int32", "7");
 	const hs_log_capture capture;
 	update("int32", "1");
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Failed to set value 1 for props title E"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Failed to set value 1 for props title E"), 1u)
+	        << capture.text();
 	EXPECT_EQ(stored("Other"), "7");
 }
 
@@ -311,11 +323,12 @@ TEST_F(PcmEvent, BatchWithoutEventsAsksForNone)
 {
 	plugin.events = {hs_describe_int("A", 5)};
 	for (const int n : {0, -5}) {
-		plugin.methods.get_event = n == 0 ? plugin.methods.get_event : [](void *, uint32_t, spa_pod **result,
-										 spa_pod_builder *) {
-			EXPECT_EQ(result, nullptr);
-			return -5;
-		};
+		plugin.methods.get_event =
+		        n == 0 ? plugin.methods.get_event
+		               : [](void *, uint32_t, spa_pod **result, spa_pod_builder *) {
+			                 EXPECT_EQ(result, nullptr);
+			                 return -5;
+		                 };
 		plugin.n_events = n;
 		hs_pcm_handle_events(&source, true);
 	}
@@ -330,7 +343,8 @@ TEST_F(PcmEvent, BatchWarnsOfAnEventWithoutAPodAndGoesOn)
 	plugin.events = {hs_describe_nothing, hs_describe_int("B", 5)};
 	const hs_log_capture capture;
 	hs_pcm_handle_events(&source, false);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not fetch event with index 0"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not fetch event with index 0"), 1u)
+	        << capture.text();
 	EXPECT_EQ(capture.complaints(), 1u) << capture.text();
 	EXPECT_EQ(stored("B"), "5");
 }
@@ -375,7 +389,8 @@ TEST_F(PcmEvent, SingleEventWhosePodIsNoDescriptionIsAnError)
 	plugin.events = {hs_describe_nonsense};
 	const hs_log_capture capture;
 	hs_pcm_handle_event(&pcm, 0, true);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not parse pod for event index 0"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not parse pod for event index 0"), 1u)
+	        << capture.text();
 }
 
 TEST_F(PcmEvent, PodLargerThanItsBufferCountsAsNone)
@@ -388,7 +403,8 @@ TEST_F(PcmEvent, PodLargerThanItsBufferCountsAsNone)
 	const hs_log_capture capture;
 	hs_pcm_handle_events(&source, false);
 	hs_pcm_handle_event(&pcm, 0, false);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not fetch event with index 0"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not fetch event with index 0"), 1u)
+	        << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Event index 0 out of range"), 1u) << capture.text();
 }
 
@@ -470,11 +486,13 @@ TEST_F(PcmEventSignals, RejectedValueIsNotSignalledUnlessForced)
 {
 	publish({hs_describe("Level", [](spa_pod_builder *b) { spa_pod_builder_id(b, 5); })});
 	enable("Level");
-	plugin->events = {hs_describe("Level", [](spa_pod_builder *b) { spa_pod_builder_id(b, 3000000000); })};
+	plugin->events = {
+	        hs_describe("Level", [](spa_pod_builder *b) { spa_pod_builder_id(b, 3000000000); })};
 	const hs_log_capture capture;
 	hs_pcm_handle_events(source, false);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Failed to parse \"Level\"=\"-1294967296\" as uint32"), 1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Failed to parse \"Level\"=\"-1294967296\" as uint32"),
+	          1u)
+	        << capture.text();
 	EXPECT_TRUE(told().empty());
 	hs_pcm_handle_events(source, true);
 	EXPECT_EQ(told(), calls{"\"com.orvel.HearSense.Events.Mover.Level\", [\"Level\": u 5], []"});

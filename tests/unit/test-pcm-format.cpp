@@ -16,7 +16,8 @@
 #include "owned.hpp"
 #include "pod.hpp"
 
-namespace {
+namespace
+{
 
 constexpr char unreadable[] = "Can not parse audio.position.";
 constexpr char mismatch[] = "Number of audio positions do not match number of channels.";
@@ -31,8 +32,8 @@ spa_audio_info_raw from_props(pw_properties *props)
 
 spa_audio_info_raw from_texts(const char *format, const char *rate, const char *channels)
 {
-	const hs_properties_ptr props(
-		pw_properties_new("audio.format", format, "audio.rate", rate, "audio.channels", channels, nullptr));
+	const hs_properties_ptr props(pw_properties_new("audio.format", format, "audio.rate", rate,
+	                                                "audio.channels", channels, nullptr));
 	return from_props(props.get());
 }
 
@@ -40,7 +41,7 @@ spa_audio_info_raw from_texts(const char *format, const char *rate, const char *
 spa_audio_info_raw with_position(const char *channels, const char *position, bool *dont_remix)
 {
 	const hs_properties_ptr props(
-		pw_properties_new("audio.channels", channels, "audio.position", position, nullptr));
+	        pw_properties_new("audio.channels", channels, "audio.position", position, nullptr));
 	const spa_audio_info_raw info = from_props(props.get());
 	const char *value = pw_properties_get(props.get(), "stream.dont-remix");
 	*dont_remix = value && std::string{value} == "true";
@@ -62,7 +63,7 @@ std::vector<uint32_t> keys_of(const spa_pod *format)
 	std::vector<uint32_t> keys;
 	const auto *object = reinterpret_cast<const spa_pod_object *>(format);
 	const spa_pod_prop *prop;
-	SPA_POD_OBJECT_FOREACH(object, prop)
+	SPA_POD_OBJECT_FOREACH (object, prop)
 		keys.push_back(prop->key);
 	return keys;
 }
@@ -132,7 +133,8 @@ TEST(PcmFormat, PositionIsAnArrayOrABareList)
 
 TEST(PcmFormat, UnknownNamesInAPositionStillCount)
 {
-	const std::vector<uint32_t> expected = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_UNKNOWN, SPA_AUDIO_CHANNEL_FR};
+	const std::vector<uint32_t> expected = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_UNKNOWN,
+	                                        SPA_AUDIO_CHANNEL_FR};
 	EXPECT_EQ(positions_of("[ FL what FR ]"), expected);
 }
 
@@ -257,8 +259,9 @@ TEST(PcmFormat, OffersWhatIsKnown)
 	ASSERT_NE(offer, nullptr);
 	EXPECT_TRUE(spa_pod_is_object_type(offer, SPA_TYPE_OBJECT_Format));
 	EXPECT_EQ(SPA_POD_OBJECT_ID(offer), static_cast<uint32_t>(SPA_PARAM_EnumFormat));
-	const std::vector<uint32_t> expected = {SPA_FORMAT_mediaType,  SPA_FORMAT_mediaSubtype,   SPA_FORMAT_AUDIO_format,
-						SPA_FORMAT_AUDIO_rate, SPA_FORMAT_AUDIO_channels, SPA_FORMAT_AUDIO_position};
+	const std::vector<uint32_t> expected = {SPA_FORMAT_mediaType,      SPA_FORMAT_mediaSubtype,
+	                                        SPA_FORMAT_AUDIO_format,   SPA_FORMAT_AUDIO_rate,
+	                                        SPA_FORMAT_AUDIO_channels, SPA_FORMAT_AUDIO_position};
 	EXPECT_EQ(keys_of(offer), expected);
 
 	spa_audio_info_raw read{};
@@ -275,7 +278,8 @@ TEST(PcmFormat, OffersNothingOfWhatIsUnknown)
 	const std::vector<uint32_t> bare = {SPA_FORMAT_mediaType, SPA_FORMAT_mediaSubtype};
 	EXPECT_EQ(keys_of(hs_pcm_build_format(from_texts("loud", "48000Hz", "x"), &buffer)), bare);
 
-	const std::vector<uint32_t> with_rate = {SPA_FORMAT_mediaType, SPA_FORMAT_mediaSubtype, SPA_FORMAT_AUDIO_rate};
+	const std::vector<uint32_t> with_rate = {SPA_FORMAT_mediaType, SPA_FORMAT_mediaSubtype,
+	                                         SPA_FORMAT_AUDIO_rate};
 	EXPECT_EQ(keys_of(hs_pcm_build_format(from_texts("loud", "16000", ""), &buffer)), with_rate);
 }
 
@@ -283,7 +287,8 @@ TEST(PcmFormat, OffersNoPositionsForMoreThan64Channels)
 {
 	hs_pod_buffer buffer;
 	const spa_audio_info_raw most = make_info(SPA_AUDIO_FORMAT_F32P, 48000, 64);
-	EXPECT_EQ(keys_of(hs_pcm_build_format(most, &buffer)).back(), static_cast<uint32_t>(SPA_FORMAT_AUDIO_position));
+	EXPECT_EQ(keys_of(hs_pcm_build_format(most, &buffer)).back(),
+	          static_cast<uint32_t>(SPA_FORMAT_AUDIO_position));
 
 	for (const uint32_t channels : {65u, 2000u, UINT32_MAX}) {
 		const spa_audio_info_raw info = make_info(SPA_AUDIO_FORMAT_F32P, 48000, channels);

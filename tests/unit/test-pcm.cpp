@@ -17,7 +17,8 @@
 #include "pod.hpp"
 #include "source.hpp"
 
-namespace {
+namespace
+{
 
 /* Without a graph that runs, a stream has no buffers: the tests lend it theirs. */
 pw_buffer *lent_buffer;
@@ -50,7 +51,8 @@ pw_stream *__wrap_pw_stream_new(pw_core *core, const char *name, pw_properties *
 }
 }
 
-namespace {
+namespace
+{
 
 using calls = std::vector<std::string>;
 
@@ -63,7 +65,8 @@ std::string address(const void *p)
 
 /** A plug-in instance whose stream could not be created. */
 struct PcmInstance : testing::Test {
-	PcmInstance() : config(pw_properties_new("preview", "false", nullptr))
+	PcmInstance()
+	    : config(pw_properties_new("preview", "false", nullptr))
 	{
 		std::strcpy(record.name, "motion");
 		record.config = config.get();
@@ -77,7 +80,8 @@ struct PcmInstance : testing::Test {
 	/** The states that the source tells of. */
 	std::string state() const
 	{
-		return std::string{source.is_initialized ? "initialised" : ""} + (source.is_active ? " active" : "");
+		return std::string{source.is_initialized ? "initialised" : ""} +
+		       (source.is_active ? " active" : "");
 	}
 
 	std::string stop_line() const
@@ -129,7 +133,8 @@ struct PcmStream : testing::Test {
 
 	void change_state(pw_stream_state old, pw_stream_state state, const char *error = nullptr) const
 	{
-		spa_callbacks_call(&source->pcm->listener.cb, pw_stream_events, state_changed, 0, old, state, error);
+		spa_callbacks_call(&source->pcm->listener.cb, pw_stream_events, state_changed, 0, old, state,
+		                   error);
 	}
 
 	void change_param(uint32_t id, const spa_pod *param) const
@@ -142,7 +147,8 @@ struct PcmStream : testing::Test {
 		spa_callbacks_call(&source->pcm->listener.cb, pw_stream_events, process, 0);
 	}
 
-	void change_format(uint32_t rate, uint32_t channels, spa_audio_format format = SPA_AUDIO_FORMAT_F32P) const
+	void change_format(uint32_t rate, uint32_t channels,
+	                   spa_audio_format format = SPA_AUDIO_FORMAT_F32P) const
 	{
 		spa_audio_info_raw info{};
 		info.format = format;
@@ -159,7 +165,7 @@ struct PcmStream : testing::Test {
 		spa_pod_frame frame;
 		spa_pod_builder_push_object(&builder, &frame, SPA_TYPE_OBJECT_Format, SPA_PARAM_Format);
 		spa_pod_builder_add(&builder, SPA_FORMAT_mediaType, SPA_POD_Id(type), SPA_FORMAT_mediaSubtype,
-				    SPA_POD_Id(subtype), 0);
+		                    SPA_POD_Id(subtype), 0);
 		change_param(SPA_PARAM_Format, static_cast<spa_pod *>(spa_pod_builder_pop(&builder, &frame)));
 	}
 
@@ -198,8 +204,9 @@ TEST_F(PcmInstance, InitGivesThePluginTheStreamAndItsConfig)
 	EXPECT_EQ(plugin.stream.info.rate, 16000u);
 	EXPECT_EQ(plugin.config, (std::vector<std::pair<std::string, std::string>>{{"preview", "false"}}));
 	EXPECT_EQ(state(), "initialised");
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Initialize motion on AudioDevice0Input0.Unprocessed"), 1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Initialize motion on AudioDevice0Input0.Unprocessed"),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(PcmInstance, InitThatReturnsMoreThanZeroIsASuccess)
@@ -225,11 +232,11 @@ TEST_F(PcmInstance, FailedInitStopsTheStream)
 		const hs_log_capture capture;
 		EXPECT_FALSE(hs_pcm_plugin_init(&pcm));
 		EXPECT_EQ(state(), "");
-		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO,
-					"Plugin motion on AudioDevice0Input0.Unprocessed could not be initialized, code: " +
-						std::to_string(result)),
-			  1u)
-			<< capture.text();
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO, "Plugin motion on AudioDevice0Input0.Unprocessed "
+		                                            "could not be initialized, code: " +
+		                                                    std::to_string(result)),
+		          1u)
+		        << capture.text();
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stop_line()), 1u) << capture.text();
 	}
 }
@@ -240,7 +247,8 @@ TEST_F(PcmInstance, PluginWithoutInitCanNotBeInitialised)
 	const hs_log_capture capture;
 	EXPECT_FALSE(hs_pcm_plugin_init(&pcm));
 	EXPECT_EQ(state(), "");
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO, "could not be initialized, code: -95"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO, "could not be initialized, code: -95"), 1u)
+	        << capture.text();
 }
 
 TEST_F(PcmInstanceDeathTest, InitWhileActiveAborts)
@@ -248,7 +256,7 @@ TEST_F(PcmInstanceDeathTest, InitWhileActiveAborts)
 	source.is_initialized = true;
 	source.is_active = true;
 	EXPECT_DEATH(hs_pcm_plugin_init(&pcm),
-		     "'!pcm->source->is_active' failed at .*pcm.cpp:[0-9]+ hs_pcm_plugin_init\\(\\)");
+	             "'!pcm->source->is_active' failed at .*pcm.cpp:[0-9]+ hs_pcm_plugin_init\\(\\)");
 }
 
 TEST_F(PcmInstance, DeinitClearsItsFlagFirst)
@@ -261,8 +269,9 @@ TEST_F(PcmInstance, DeinitClearsItsFlagFirst)
 	EXPECT_EQ(plugin.calls, calls{"deinit"});
 	EXPECT_FALSE(was_initialized);
 	EXPECT_EQ(state(), "");
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Deinitialize motion on AudioDevice0Input0.Unprocessed"), 1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Deinitialize motion on AudioDevice0Input0.Unprocessed"),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(PcmInstance, DeinitOfAnUninitialisedInstanceDoesNothing)
@@ -289,7 +298,7 @@ TEST_F(PcmInstance, ActivateMakesAnInitialisedInstanceActive)
 	EXPECT_EQ(plugin.calls, calls{"activate"});
 	EXPECT_EQ(state(), "initialised active");
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Activate motion on AudioDevice0Input0.Unprocessed"), 1u)
-		<< capture.text();
+	        << capture.text();
 }
 
 TEST_F(PcmInstance, ActivateInAnotherStateCallsNothing)
@@ -326,10 +335,12 @@ TEST_F(PcmInstance, FailedActivateStopsTheStream)
 	const hs_log_capture capture;
 	EXPECT_FALSE(hs_pcm_plugin_activate(&pcm));
 	EXPECT_EQ(state(), "initialised");
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO,
-				"Plugin motion on AudioDevice0Input0.Unprocessed could not be activated, code: -22"),
-		  1u)
-		<< capture.text();
+	EXPECT_EQ(
+	        capture.count(
+	                SPA_LOG_LEVEL_INFO,
+	                "Plugin motion on AudioDevice0Input0.Unprocessed could not be activated, code: -22"),
+	        1u)
+	        << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stop_line()), 1u) << capture.text();
 }
 
@@ -344,8 +355,9 @@ TEST_F(PcmInstance, DeactivateClearsItsFlagFirst)
 	EXPECT_EQ(plugin.calls, calls{"deactivate"});
 	EXPECT_FALSE(was_active);
 	EXPECT_EQ(state(), "initialised");
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Deactivate motion on AudioDevice0Input0.Unprocessed"), 1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Deactivate motion on AudioDevice0Input0.Unprocessed"),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(PcmInstance, DeactivateOfAnInactiveInstanceDoesNothing)
@@ -434,10 +446,13 @@ TEST_F(PcmStream, ThatCanNotBeCreatedLeavesTheRecordWithoutOne)
 	make_source();
 	ASSERT_NE(source->pcm, nullptr);
 	EXPECT_EQ(source->pcm->stream, nullptr);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not create pw_stream: Cannot allocate memory"), 1u)
-		<< capture.text();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not create stream for AudioDevice0Input0.Unprocessed"), 1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not create pw_stream: Cannot allocate memory"),
+	          1u)
+	        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
+	                        "Could not create stream for AudioDevice0Input0.Unprocessed"),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(PcmStream, ThatCanNotConnectIsKept)
@@ -447,11 +462,13 @@ TEST_F(PcmStream, ThatCanNotConnectIsKept)
 	make_source();
 	EXPECT_NE(source->pcm->stream, nullptr);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Couldn't connect to stream for plugin 'motion' to node "
-						     "'AudioDevice0Input0.Unprocessed': "),
-		  1u)
-		<< capture.text();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not create stream for AudioDevice0Input0.Unprocessed"), 1u)
-		<< capture.text();
+	                                             "'AudioDevice0Input0.Unprocessed': "),
+	          1u)
+	        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
+	                        "Could not create stream for AudioDevice0Input0.Unprocessed"),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(PcmStream, StartsForAnEnabledSourceWithConsumers)
@@ -463,7 +480,8 @@ TEST_F(PcmStream, StartsForAnEnabledSourceWithConsumers)
 	const hs_log_capture capture;
 	EXPECT_TRUE(hs_pcm_start_stream(pcm));
 	EXPECT_TRUE(pcm->stream_active);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm->stream) + ": activate stream"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm->stream) + ": activate stream"), 1u)
+	        << capture.text();
 	EXPECT_FALSE(hs_pcm_start_stream(pcm));
 	EXPECT_EQ(capture.lines().size(), 1u) << capture.text();
 }
@@ -493,9 +511,11 @@ TEST_F(PcmStream, StopsWheneverItIsTold)
 		const hs_log_capture capture;
 		hs_pcm_stop_stream(pcm);
 		EXPECT_FALSE(pcm->stream_active);
-		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm) + ": stop pcm"), 1u) << capture.text();
-		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm->stream) + ": deactivate stream"), 1u)
-			<< capture.text();
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm) + ": stop pcm"), 1u)
+		        << capture.text();
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm->stream) + ": deactivate stream"),
+		          1u)
+		        << capture.text();
 	}
 }
 
@@ -560,13 +580,13 @@ TEST_F(PcmStream, FormatInitialisesThePlugin)
 {
 	make_source();
 	pw_properties_set(bed.registry->metadata->connections, "AudioDevice0Input0",
-			  "{ \"connection_type\": \"internal\", \"acoustic_id\": \"a1\" }");
+	                  "{ \"connection_type\": \"internal\", \"acoustic_id\": \"a1\" }");
 	const hs_log_capture capture;
 	change_format(44100, 2, SPA_AUDIO_FORMAT_S16P);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG,
-				"Rate: 44100 channels: 2 format: " + std::to_string(SPA_AUDIO_FORMAT_S16P) + "\n"),
-		  1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Rate: 44100 channels: 2 format: " +
+	                                                     std::to_string(SPA_AUDIO_FORMAT_S16P) + "\n"),
+	          1u)
+	        << capture.text();
 	EXPECT_EQ(plugin->calls, calls{"init"});
 	EXPECT_EQ(plugin->stream.info.rate, 44100u);
 	EXPECT_EQ(plugin->stream.info.channels, 2u);
@@ -672,9 +692,9 @@ TEST_F(PcmStream, StreamingActivatesThePluginAndLooksAtItsEvents)
 	change_state(PW_STREAM_STATE_PAUSED, PW_STREAM_STATE_STREAMING);
 	EXPECT_EQ(plugin->calls, (calls{"activate", "get_event"}));
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG,
-				"State changed: 2 -> 3 for motion on AudioDevice0Input0.Unprocessed)"),
-		  1u)
-		<< capture.text();
+	                        "State changed: 2 -> 3 for motion on AudioDevice0Input0.Unprocessed)"),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(PcmStream, StreamingWithoutAnActivePluginLooksAtNoEvent)
@@ -716,7 +736,7 @@ TEST_F(PcmStream, DisconnectingDeinitialisesAfterAPauseOnly)
 	change_state(PW_STREAM_STATE_PAUSED, PW_STREAM_STATE_UNCONNECTED);
 	EXPECT_EQ(plugin->calls, calls{"deinit"});
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(source->pcm) + ": source disconnected"), 2u)
-		<< capture.text();
+	        << capture.text();
 }
 
 TEST_F(PcmStream, ErrorOfTheStreamIsTold)
@@ -727,10 +747,12 @@ TEST_F(PcmStream, ErrorOfTheStreamIsTold)
 	const hs_log_capture capture;
 	change_state(PW_STREAM_STATE_PAUSED, PW_STREAM_STATE_ERROR, "no node available");
 	change_state(PW_STREAM_STATE_PAUSED, PW_STREAM_STATE_ERROR);
-	const std::string start = address(source->pcm) + ": motion AudioDevice0Input0.Unprocessed source error: ";
+	const std::string start =
+	        address(source->pcm) + ": motion AudioDevice0Input0.Unprocessed source error: ";
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, start + "no node available"), 1u) << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, start + "(null)"), 1u) << capture.text();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "State changed: 2 -> -1 for motion on "), 2u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "State changed: 2 -> -1 for motion on "), 2u)
+	        << capture.text();
 	EXPECT_TRUE(plugin->calls.empty());
 }
 
@@ -821,7 +843,8 @@ TEST_F(PcmStream, BufferThatFailsACheckIsNeitherHeardNorQueued)
 		const hs_log_capture capture;
 		process();
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, text), 1u) << capture.text();
-		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not dequeue buffer: "), 1u) << capture.text();
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not dequeue buffer: "), 1u)
+		        << capture.text();
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR), 2u) << capture.text();
 	};
 	lend_buffer();
@@ -849,7 +872,7 @@ TEST_F(PcmStream, WithoutABufferProcessIsAnError)
 	const hs_log_capture capture;
 	process();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Unable to dequeue audio stream: Unknown error"), 1u)
-		<< capture.text();
+	        << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not dequeue buffer: "), 1u) << capture.text();
 }
 
@@ -859,9 +882,10 @@ TEST_F(PcmStream, ErrorOfTheStreamIsTheReasonForAMissingBuffer)
 	pw_stream_set_error(source->pcm->stream, -EIO, "out of %s", "order");
 	const hs_log_capture capture;
 	process();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Unable to dequeue audio stream: out of order. Stream state: -1"),
-		  1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR,
+	                        "Unable to dequeue audio stream: out of order. Stream state: -1"),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(PcmStream, WithoutAStreamProcessIsAnError)
@@ -870,8 +894,10 @@ TEST_F(PcmStream, WithoutAStreamProcessIsAnError)
 	pw_stream *stream = std::exchange(source->pcm->stream, nullptr);
 	const hs_log_capture capture;
 	process();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Unable to dequeue audio buffer: Undefined audio stream"), 1u)
-		<< capture.text();
+	EXPECT_EQ(
+	        capture.count(SPA_LOG_LEVEL_ERROR, "Unable to dequeue audio buffer: Undefined audio stream"),
+	        1u)
+	        << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not dequeue buffer: "), 1u) << capture.text();
 	source->pcm->stream = stream;
 }

@@ -1110,7 +1110,7 @@ TEST(PodBuild, ANullNameIsAnEmptyString)
 TEST(PodBuildDeathTest, ANullValueAborts)
 {
 	EXPECT_EXIT(hs_pod_build("gain", nullptr, "int32", nullptr), testing::KilledBySignal(SIGABRT),
-		    "'value' failed at .*pod\\.cpp:[0-9]+ hs_pod_build\\(\\)");
+		    "'value' failed at .*pod-build\\.cpp:[0-9]+ hs_pod_build\\(\\)");
 }
 
 TEST(PodBuild, BuildsArraysOfEveryElementType)

@@ -218,6 +218,13 @@ TEST(PropsFind, CopesWithMalformedObjects)
 	}
 }
 
+TEST(PropsFind, AStructureIsNoTitle)
+{
+	const hs_properties_ptr table = make_table({{"a", "{ title = [ x ] }"}, {"b", "{ title = { x = y } }"}});
+	EXPECT_EQ(hs_props_find(table.get(), "["), nullptr);
+	EXPECT_EQ(hs_props_find(table.get(), "{"), nullptr);
+}
+
 TEST(PropsFind, ATitleIsNotLookedForInNestedObjects)
 {
 	const hs_properties_ptr table = make_table({

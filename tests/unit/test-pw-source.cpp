@@ -15,7 +15,8 @@
 #include "refcount.hpp"
 #include "source.hpp"
 
-namespace {
+namespace
+{
 
 using texts = std::vector<std::string>;
 using items = std::vector<std::pair<const char *, const char *>>;
@@ -57,7 +58,7 @@ struct PwSource : testing::Test {
 	{
 		std::vector<hs_pw_source *> result;
 		hs_pw_source *node;
-		spa_list_for_each(node, &bed.context->pw_sources, link)
+		spa_list_for_each (node, &bed.context->pw_sources, link)
 			result.push_back(node);
 		return result;
 	}
@@ -66,7 +67,7 @@ struct PwSource : testing::Test {
 	{
 		std::vector<hs_source *> result;
 		hs_source *source;
-		spa_list_for_each(source, &plugin->sources, link)
+		spa_list_for_each (source, &plugin->sources, link)
 			result.push_back(source);
 		return result;
 	}
@@ -136,17 +137,19 @@ TEST(PwSourcePattern, ThatDoesNotCompileMatchesNothing)
 TEST(PwSourcePattern, OfMoreThan1023CharactersDoesNotCompile)
 {
 	const hs_log_capture capture;
-	EXPECT_TRUE(hs_pw_source_matches_pattern(std::string(1023, '.').c_str(), std::string(1023, 'x').c_str()));
+	EXPECT_TRUE(
+	        hs_pw_source_matches_pattern(std::string(1023, '.').c_str(), std::string(1023, 'x').c_str()));
 	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
-	EXPECT_FALSE(hs_pw_source_matches_pattern(std::string(1024, '.').c_str(), std::string(1024, 'x').c_str()));
+	EXPECT_FALSE(
+	        hs_pw_source_matches_pattern(std::string(1024, '.').c_str(), std::string(1024, 'x').c_str()));
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not compile pattern"), 1u) << capture.text();
 }
 
 TEST(PwSourceConfig, IsTheFirstEntryOfThatNode)
 {
-	const hs_properties_ptr config(pw_properties_new("sources.x", "{ node.name = a, n = 0 }", "source.1",
-							 "{ node.name = b, n = 1 }", "source.2", "{ node.name = a, n = 2 }",
-							 "source.3", "{ node.name = a, n = 3 }", nullptr));
+	const hs_properties_ptr config(pw_properties_new(
+	        "sources.x", "{ node.name = a, n = 0 }", "source.1", "{ node.name = b, n = 1 }", "source.2",
+	        "{ node.name = a, n = 2 }", "source.3", "{ node.name = a, n = 3 }", nullptr));
 	const hs_properties_ptr found = hs_pw_source_find_config("a", config.get());
 	ASSERT_NE(found, nullptr);
 	EXPECT_STREQ(pw_properties_get(found.get(), "n"), "2");
@@ -155,32 +158,37 @@ TEST(PwSourceConfig, IsTheFirstEntryOfThatNode)
 
 TEST(PwSourceConfig, WithoutANodeIsTheFirstEntryWithAnyName)
 {
-	const hs_properties_ptr config(pw_properties_new("source.1", "{ n = 1 }", "source.2", "{ node.name = b, n = 2 }",
-							 nullptr));
+	const hs_properties_ptr config(
+	        pw_properties_new("source.1", "{ n = 1 }", "source.2", "{ node.name = b, n = 2 }", nullptr));
 	const hs_properties_ptr found = hs_pw_source_find_config(nullptr, config.get());
 	ASSERT_NE(found, nullptr);
 	EXPECT_STREQ(pw_properties_get(found.get(), "n"), "2");
 
-	const hs_properties_ptr nameless(pw_properties_new("source.1", "{ n = 1 }", "node.name", "x", nullptr));
+	const hs_properties_ptr nameless(
+	        pw_properties_new("source.1", "{ n = 1 }", "node.name", "x", nullptr));
 	EXPECT_EQ(hs_pw_source_find_config(nullptr, nameless.get()), nullptr);
 }
 
 TEST(PwSourceSettingsPath, HasTheDeviceOfAnAudioDevice)
 {
-	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", unprocessed), "/dir/motion-AudioDevice0Input0.conf");
-	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", "AudioDevice.a.b"), "/dir/motion-AudioDevice.conf");
+	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", unprocessed),
+	          "/dir/motion-AudioDevice0Input0.conf");
+	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", "AudioDevice.a.b"),
+	          "/dir/motion-AudioDevice.conf");
 }
 
 TEST(PwSourceSettingsPath, HasTheWholeNameOfAnyOtherNode)
 {
-	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", "mic.front.raw"), "/dir/motion-mic.front.raw.conf");
-	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", "audioDevice0.x"), "/dir/motion-audioDevice0.x.conf");
+	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", "mic.front.raw"),
+	          "/dir/motion-mic.front.raw.conf");
+	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", "audioDevice0.x"),
+	          "/dir/motion-audioDevice0.x.conf");
 }
 
 TEST(PwSourceSettingsPath, IsCutAt4095Bytes)
 {
 	EXPECT_EQ(hs_pw_source_settings_path("/dir", "motion", std::string(5000, 'x').c_str()),
-		  "/dir/motion-" + std::string(4095 - 12, 'x'));
+	          "/dir/motion-" + std::string(4095 - 12, 'x'));
 }
 
 TEST_F(PwSource, RecordKeepsWhatTheNodeIs)
@@ -229,7 +237,8 @@ TEST_F(PwSource, NodeIsRegisteredOnce)
 	add_named(7, unprocessed);
 	add_named(7, unprocessed);
 	add_named(7, "AudioDevice1Input0.Unprocessed");
-	add(8, {{"node.name", "AudioDevice2Input0.Unprocessed"}, {"node.name", "AudioDevice3Input0.Unprocessed"}});
+	add(8, {{"node.name", "AudioDevice2Input0.Unprocessed"},
+	        {"node.name", "AudioDevice3Input0.Unprocessed"}});
 	EXPECT_EQ(names_of(motion), (texts{unprocessed, "AudioDevice2Input0.Unprocessed"}));
 	EXPECT_EQ(nodes().size(), 2u);
 }
@@ -296,8 +305,9 @@ TEST_F(PwSource, BrokenPatternIsWarnedOfForEachNode)
 
 TEST_F(PwSource, PluginThatListsItsNodesRunsOnThoseOnly)
 {
-	motion = bed.add_plugin("motion", "source.0 = { node.name = AudioDevice1Input0.Unprocessed, audio.rate = 8000 }\n"
-					  "source.1 = { node.name = mic, audio.rate = 16000 }");
+	motion = bed.add_plugin(
+	        "motion", "source.0 = { node.name = AudioDevice1Input0.Unprocessed, audio.rate = 8000 }\n"
+	                  "source.1 = { node.name = mic, audio.rate = 16000 }");
 	add_named(1, unprocessed);
 	add_named(2, "AudioDevice1Input0.Unprocessed");
 	add_named(3, "mic");
@@ -308,7 +318,8 @@ TEST_F(PwSource, PluginThatListsItsNodesRunsOnThoseOnly)
 
 TEST_F(PwSource, PatternIsNotEvenCompiledForAPluginThatListsItsNodes)
 {
-	motion = bed.add_plugin("motion", "source.0 = { node.name = mic }\nplugin.info = { node.pattern = \"(\" }");
+	motion = bed.add_plugin("motion",
+	                        "source.0 = { node.name = mic }\nplugin.info = { node.pattern = \"(\" }");
 	const hs_log_capture capture;
 	add_named(1, unprocessed);
 	add_named(2, "mic");
@@ -338,7 +349,8 @@ TEST_F(PwSource, EachSelectingPluginHasOneSourceOnTheNode)
 	add_named(1, unprocessed);
 	EXPECT_EQ(names_of(motion), texts{unprocessed});
 	EXPECT_EQ(names_of(sound), texts{unprocessed});
-	EXPECT_EQ(bed.host.types, (texts{"Spa:Pointer:Interface:HearSense:MOTION", "Spa:Pointer:Interface:HearSense:SOUND"}));
+	EXPECT_EQ(bed.host.types,
+	          (texts{"Spa:Pointer:Interface:HearSense:MOTION", "Spa:Pointer:Interface:HearSense:SOUND"}));
 	EXPECT_EQ(sources_of(motion)[0]->pcm->node, nodes()[0]);
 }
 
@@ -365,7 +377,7 @@ TEST_F(PwSource, AnnouncesTheChainTheSourceAndThenTheInstanceOnEveryBus)
 	const hs_log_capture capture;
 	add_named(1, unprocessed);
 	const texts expected = {std::string{"+"} + chain_path, std::string{"+"} + source_path,
-				std::string{"+"} + mover_path};
+	                        std::string{"+"} + mover_path};
 	EXPECT_EQ(announced(bed.main_bus), expected);
 	EXPECT_EQ(announced(first), expected);
 	EXPECT_EQ(announced(second), expected);
@@ -381,14 +393,16 @@ TEST_F(PwSource, ChainThatCanNotBePublishedIsAnErrorButTheSourceStays)
 	const hs_log_capture capture;
 	add_named(1, "Mic-1.Raw");
 	for (const char *bus : {"system", "private"})
-		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not set up D-Bus Audio Chain interface on " +
-								     std::string{bus} + " bus for source 'Mic-1.Raw'"),
-			  1u)
-			<< capture.text();
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR,
+		                        "Could not set up D-Bus Audio Chain interface on " +
+		                                std::string{bus} + " bus for source 'Mic-1.Raw'"),
+		          1u)
+		        << capture.text();
 	ASSERT_EQ(names_of(motion), texts{"Mic-1.Raw"});
 	EXPECT_TRUE(sources_of(motion)[0]->holds_paths);
-	EXPECT_EQ(bed.main_bus.client.get("/com/orvel/HearSense/Mic_1/Raw", "com.orvel.HearSense.Source", "Id"),
-		  "s \"Mic-1.Raw\"");
+	EXPECT_EQ(
+	        bed.main_bus.client.get("/com/orvel/HearSense/Mic_1/Raw", "com.orvel.HearSense.Source", "Id"),
+	        "s \"Mic-1.Raw\"");
 }
 
 TEST_F(PwSource, SourceThatCanNotBePublishedIsAnErrorAndHoldsNoPaths)
@@ -399,11 +413,14 @@ TEST_F(PwSource, SourceThatCanNotBePublishedIsAnErrorAndHoldsNoPaths)
 	add_named(1, "Mic..Raw");
 	for (const char *bus : {"system", "private"})
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not set up D-Bus Source interface on " +
-								     std::string{bus} + " bus for source 'Mic..Raw'"),
-			  1u)
-			<< capture.text();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not set up D-Bus plugin interfaces for source 'Mic..Raw'"), 1u)
-		<< capture.text();
+		                                                     std::string{bus} +
+		                                                     " bus for source 'Mic..Raw'"),
+		          1u)
+		        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR,
+	                        "Could not set up D-Bus plugin interfaces for source 'Mic..Raw'"),
+	          1u)
+	        << capture.text();
 	ASSERT_EQ(names_of(motion), texts{"Mic..Raw"});
 	EXPECT_FALSE(sources_of(motion)[0]->holds_paths);
 
@@ -433,7 +450,7 @@ TEST_F(PwSource, RemovingANodeTakesItsObjectsOffEveryBus)
 	const hs_log_capture capture;
 	hs_pw_source_unregister_source(1);
 	const texts expected = {std::string{"-"} + mover_path, std::string{"-"} + chain_path,
-				std::string{"-"} + source_path};
+	                        std::string{"-"} + source_path};
 	EXPECT_EQ(announced(bed.main_bus), expected);
 	EXPECT_EQ(announced(bus), expected);
 	EXPECT_TRUE(spa_list_is_empty(&bed.context->dbus_objects));
@@ -443,8 +460,10 @@ TEST_F(PwSource, RemovingANodeTakesItsObjectsOffEveryBus)
 	EXPECT_EQ(count_of(chain_path), 0u);
 	EXPECT_EQ(count_of(source_path), 0u);
 	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "destroy pw-source AudioDevice0Input0.Unprocessed with id 1"), 1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG,
+	                        "destroy pw-source AudioDevice0Input0.Unprocessed with id 1"),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(PwSource, StreamGoesBeforeTheObjects)
@@ -467,11 +486,13 @@ TEST_F(PwSource, SharedPathsAreAnnouncedAsRemovedByTheLastSource)
 	add_two_plugins();
 	add_named(1, unprocessed);
 	EXPECT_EQ(count_of(chain_path), 2u);
-	EXPECT_EQ(announced(bed.main_bus), (texts{std::string{"+"} + chain_path, std::string{"+"} + source_path,
-						  std::string{"+"} + mover_path, std::string{"+"} + hearer_path}));
+	EXPECT_EQ(announced(bed.main_bus),
+	          (texts{std::string{"+"} + chain_path, std::string{"+"} + source_path,
+	                 std::string{"+"} + mover_path, std::string{"+"} + hearer_path}));
 	hs_pw_source_unregister_source(1);
-	EXPECT_EQ(announced(bed.main_bus), (texts{std::string{"-"} + mover_path, std::string{"-"} + hearer_path,
-						  std::string{"-"} + chain_path, std::string{"-"} + source_path}));
+	EXPECT_EQ(announced(bed.main_bus),
+	          (texts{std::string{"-"} + mover_path, std::string{"-"} + hearer_path,
+	                 std::string{"-"} + chain_path, std::string{"-"} + source_path}));
 	EXPECT_TRUE(spa_list_is_empty(&bed.context->dbus_objects));
 }
 
@@ -482,12 +503,14 @@ TEST_F(PwSource, ChainOutlivesTheNodeThatBroughtIt)
 	add_named(2, "AudioDevice0Input0.Other");
 	announced(bed.main_bus);
 	hs_pw_source_unregister_source(1);
-	EXPECT_EQ(announced(bed.main_bus), (texts{std::string{"-"} + mover_path, std::string{"-"} + source_path}));
-	EXPECT_EQ(bed.main_bus.client.get(chain_path, "com.orvel.HearSense.AudioChain", "Id"), "s \"AudioDevice0Input0\"");
+	EXPECT_EQ(announced(bed.main_bus),
+	          (texts{std::string{"-"} + mover_path, std::string{"-"} + source_path}));
+	EXPECT_EQ(bed.main_bus.client.get(chain_path, "com.orvel.HearSense.AudioChain", "Id"),
+	          "s \"AudioDevice0Input0\"");
 	hs_pw_source_unregister_source(2);
 	EXPECT_EQ(announced(bed.main_bus),
-		  (texts{"-/com/orvel/HearSense/AudioDevice0Input0/Other/Mover", std::string{"-"} + chain_path,
-			 "-/com/orvel/HearSense/AudioDevice0Input0/Other"}));
+	          (texts{"-/com/orvel/HearSense/AudioDevice0Input0/Other/Mover",
+	                 std::string{"-"} + chain_path, "-/com/orvel/HearSense/AudioDevice0Input0/Other"}));
 }
 
 TEST_F(PwSource, NodeThatComesBackIsPublishedAnew)
@@ -497,8 +520,9 @@ TEST_F(PwSource, NodeThatComesBackIsPublishedAnew)
 	hs_pw_source_unregister_source(1);
 	announced(bed.main_bus);
 	add_named(5, unprocessed);
-	EXPECT_EQ(announced(bed.main_bus), (texts{std::string{"+"} + chain_path, std::string{"+"} + source_path,
-						  std::string{"+"} + mover_path}));
+	EXPECT_EQ(announced(bed.main_bus),
+	          (texts{std::string{"+"} + chain_path, std::string{"+"} + source_path,
+	                 std::string{"+"} + mover_path}));
 	EXPECT_EQ(count_of(chain_path), 1u);
 }
 
@@ -566,10 +590,14 @@ TEST_F(PwSource, RemovalThatCanNotBeAnnouncedIsWarnedOf)
 	ASSERT_TRUE(sources_of(motion)[0]->holds_paths);
 	const hs_log_capture capture;
 	hs_pw_source_unregister_source(1);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not emit object removed on system bus: Invalid argument"), 1u)
-		<< capture.text();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not emit object removed on private bus: Invalid argument"), 1u)
-		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
+	                        "Could not emit object removed on system bus: Invalid argument"),
+	          1u)
+	        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
+	                        "Could not emit object removed on private bus: Invalid argument"),
+	          1u)
+	        << capture.text();
 	EXPECT_TRUE(sources_of(motion).empty());
 }
 
@@ -607,7 +635,8 @@ TEST_F(PwSource, DestroyingUnlinksAndSaysSo)
 {
 	add_named(7, "mic");
 	char expected[96];
-	std::snprintf(expected, sizeof(expected), "%p: destroy pw-source mic with id 7", static_cast<void *>(nodes()[0]));
+	std::snprintf(expected, sizeof(expected), "%p: destroy pw-source mic with id 7",
+	              static_cast<void *>(nodes()[0]));
 	const hs_log_capture capture;
 	hs_pw_source_destroy(nodes()[0]);
 	hs_pw_source_destroy(nullptr);

@@ -13,7 +13,8 @@
 #include "failing-new.hpp"
 #include "source.hpp"
 
-namespace {
+namespace
+{
 
 using texts = std::vector<std::string>;
 
@@ -30,7 +31,7 @@ struct Registry : testing::Test {
 	{
 		texts names;
 		const hs_pw_source *node;
-		spa_list_for_each(node, &bed.context->pw_sources, link)
+		spa_list_for_each (node, &bed.context->pw_sources, link)
 			names.push_back(node->name);
 		return names;
 	}
@@ -38,7 +39,8 @@ struct Registry : testing::Test {
 	/** Announces a global that the graph does not have. */
 	void announce(uint32_t id, const char *type, const spa_dict *props) const
 	{
-		spa_callbacks_call(&bed.registry->listener.cb, pw_registry_events, global, 0, id, PW_PERM_ALL, type, 3, props);
+		spa_callbacks_call(&bed.registry->listener.cb, pw_registry_events, global, 0, id, PW_PERM_ALL,
+		                   type, 3, props);
 	}
 
 	void withdraw(uint32_t id) const
@@ -48,7 +50,8 @@ struct Registry : testing::Test {
 
 	static hs_properties_ptr node_props(const char *name, const char *media_class)
 	{
-		return hs_properties_ptr(pw_properties_new("node.name", name, "media.class", media_class, nullptr));
+		return hs_properties_ptr(
+		        pw_properties_new("node.name", name, "media.class", media_class, nullptr));
 	}
 
 	hs_daemon_bed bed;
@@ -60,7 +63,8 @@ using RegistryDeathTest = Registry;
 
 TEST_F(RegistryDeathTest, NullProxyAborts)
 {
-	EXPECT_DEATH(hs_registry_new(nullptr), "'registry' failed at .*registry.cpp:[0-9]+ hs_registry_new\\(\\)");
+	EXPECT_DEATH(hs_registry_new(nullptr),
+	             "'registry' failed at .*registry.cpp:[0-9]+ hs_registry_new\\(\\)");
 }
 
 TEST_F(RegistryDeathTest, NoMemoryForTheMetadataAborts)
@@ -94,12 +98,13 @@ TEST_F(Registry, TakesAudioSourcesAndSinksOnly)
 TEST_F(Registry, LooksForTheFirstAudioClassOfANode)
 {
 	const spa_dict_item items[] = {
-		{"node.name", "x"}, {"media.class", "Video/Source"}, {"media.class", "Audio/Sink"}};
+	        {"node.name", "x"}, {"media.class", "Video/Source"}, {"media.class", "Audio/Sink"}};
 	const spa_dict props = SPA_DICT_INIT_ARRAY(items);
 	const hs_log_capture capture;
 	announce(900, PW_TYPE_INTERFACE_Node, &props);
 	EXPECT_EQ(nodes(), texts{"x"});
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "\t\tmedia.class: \"Audio/Sink\""), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "\t\tmedia.class: \"Audio/Sink\""), 1u)
+	        << capture.text();
 }
 
 TEST_F(Registry, TellsOfTheNodesThatItTakes)
@@ -107,9 +112,11 @@ TEST_F(Registry, TellsOfTheNodesThatItTakes)
 	const hs_log_capture capture;
 	pw_impl_node *node = bed.add_node("source", "Audio/Source");
 	bed.add_node("video", "Video/Source");
-	const std::string added = "\n\nObject added - object: id:" + std::to_string(hs_daemon_bed::id_of(node)) +
-				  " type:PipeWire:Interface:Node/3";
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "\t\tmedia.class: \"Audio/Source\""), 1u) << capture.text();
+	const std::string added =
+	        "\n\nObject added - object: id:" + std::to_string(hs_daemon_bed::id_of(node)) +
+	        " type:PipeWire:Interface:Node/3";
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "\t\tmedia.class: \"Audio/Source\""), 1u)
+	        << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, added), 1u) << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Object added"), 1u) << capture.text();
 }
@@ -151,14 +158,15 @@ TEST_F(Registry, TellsOfEveryRemoval)
 {
 	const hs_log_capture capture;
 	withdraw(4294967295);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Object removed - object: id:4294967295"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Object removed - object: id:4294967295"), 1u)
+	        << capture.text();
 }
 
 TEST_F(Registry, BindsTheVirtualNodesOnly)
 {
-	pw_metadata *other = bed.add_metadata("other");
+	pw_impl_metadata *other = bed.add_metadata("other");
 	EXPECT_EQ(bed.registry->metadata->proxy, nullptr);
-	pw_metadata *wanted = bed.add_metadata("virtual-nodes");
+	pw_impl_metadata *wanted = bed.add_metadata("virtual-nodes");
 	EXPECT_NE(bed.registry->metadata->proxy, nullptr);
 	bed.remove_metadata(wanted);
 	bed.remove_metadata(other);
@@ -166,10 +174,10 @@ TEST_F(Registry, BindsTheVirtualNodesOnly)
 
 TEST_F(Registry, BindsOnlyOneAtATime)
 {
-	pw_metadata *first = bed.add_metadata("virtual-nodes");
+	pw_impl_metadata *first = bed.add_metadata("virtual-nodes");
 	const pw_metadata *bound = bed.registry->metadata->proxy;
 	const uint32_t id = bed.registry->metadata->id;
-	pw_metadata *second = bed.add_metadata("virtual-nodes");
+	pw_impl_metadata *second = bed.add_metadata("virtual-nodes");
 	EXPECT_EQ(bed.registry->metadata->proxy, bound);
 	EXPECT_EQ(bed.registry->metadata->id, id);
 	bed.remove_metadata(second);
@@ -180,7 +188,7 @@ TEST_F(Registry, BindsOnlyOneAtATime)
 
 TEST_F(Registry, RemovalUnbindsButKeepsTheConnections)
 {
-	pw_metadata *metadata = bed.add_metadata("virtual-nodes");
+	pw_impl_metadata *metadata = bed.add_metadata("virtual-nodes");
 	pw_properties_set(bed.registry->metadata->connections, "AudioDevice0Input0", "{ }");
 	withdraw(bed.registry->metadata->id + 1);
 	EXPECT_NE(bed.registry->metadata->proxy, nullptr);
@@ -192,17 +200,19 @@ TEST_F(Registry, RemovalUnbindsButKeepsTheConnections)
 TEST_F(Registry, BindsAgainAfterARemoval)
 {
 	bed.remove_metadata(bed.add_metadata("virtual-nodes"));
-	pw_metadata *again = bed.add_metadata("virtual-nodes");
+	pw_impl_metadata *again = bed.add_metadata("virtual-nodes");
 	EXPECT_NE(bed.registry->metadata->proxy, nullptr);
-	pw_metadata_set_property(again, 0, "virtual_node_connection.AudioDevice0Input0", "Spa:String:JSON", "{ a = 1 }");
+	pw_impl_metadata_set_property(again, 0, "virtual_node_connection.AudioDevice0Input0",
+	                              "Spa:String:JSON", "{ a = 1 }");
 	bed.settle();
-	EXPECT_STREQ(pw_properties_get(bed.registry->metadata->connections, "AudioDevice0Input0"), "{ a = 1 }");
+	EXPECT_STREQ(pw_properties_get(bed.registry->metadata->connections, "AudioDevice0Input0"),
+	             "{ a = 1 }");
 	bed.remove_metadata(again);
 }
 
 TEST_F(Registry, RemovalOfTheMetadatasIdReachesTheNodesToo)
 {
-	pw_metadata *metadata = bed.add_metadata("virtual-nodes");
+	pw_impl_metadata *metadata = bed.add_metadata("virtual-nodes");
 	const hs_properties_ptr props = node_props("x", "Audio/Source");
 	announce(bed.registry->metadata->id, PW_TYPE_INTERFACE_Node, &props->dict);
 	ASSERT_EQ(nodes(), texts{"x"});
@@ -231,7 +241,7 @@ TEST_F(Registry, DestroyedOneHearsNothingMore)
 
 TEST_F(Registry, MayBeDestroyedWhileTheMetadataIsBound)
 {
-	pw_metadata *metadata = bed.add_metadata("virtual-nodes");
+	pw_impl_metadata *metadata = bed.add_metadata("virtual-nodes");
 	ASSERT_NE(bed.registry->metadata->proxy, nullptr);
 	hs_registry_destroy(&bed.registry);
 	EXPECT_EQ(bed.registry, nullptr);

@@ -16,7 +16,8 @@
 #include "props.hpp"
 #include "source.hpp"
 
-namespace {
+namespace
+{
 
 using items = std::vector<std::pair<std::string, std::string>>;
 using texts = std::vector<std::string>;
@@ -27,8 +28,7 @@ items items_of(const pw_properties *table)
 {
 	items result;
 	const spa_dict_item *item;
-	spa_dict_for_each(item, &table->dict)
-		result.emplace_back(item->key, item->value);
+	spa_dict_for_each(item, &table->dict) result.emplace_back(item->key, item->value);
 	return result;
 }
 
@@ -40,7 +40,7 @@ struct Settings : testing::Test {
 		path = bed.settings + "/motion-AudioDevice0Input0.conf";
 		bed.host.prepare = [this](hs_handmade_plugin &p) {
 			p.settings = {hs_describe_int("Gain", 3), hs_describe_bool("LowCut", false),
-				      hs_describe_string("Name", "ear")};
+			              hs_describe_string("Name", "ear")};
 			if (prepare)
 				prepare(p);
 		};
@@ -88,12 +88,14 @@ struct Settings : testing::Test {
 	{
 		const std::string text = hs_read_text(path);
 		const std::string start = "{\n \"$schema\": \"" + bed.schemas + "/motion.settings.json\"";
-		return text.substr(0, start.size()) == start ? text.substr(start.size()) : "unexpected: " + text;
+		return text.substr(0, start.size()) == start ? text.substr(start.size())
+		                                             : "unexpected: " + text;
 	}
 
 	std::string metrics() const
 	{
-		return hs_read_text(bed.directory / "metrics/motion_AudioDevice0Input0_Unprocessed_source_metrics.json");
+		return hs_read_text(bed.directory /
+		                    "metrics/motion_AudioDevice0Input0_Unprocessed_source_metrics.json");
 	}
 
 	bool counts(const std::string &name, int n) const
@@ -146,11 +148,11 @@ TEST_F(Settings, EntryHoldsThePluginsDefaultTwice)
 {
 	make();
 	EXPECT_EQ(entry("gain"), (items{{"name", "gain"},
-					{"title", "Gain"},
-					{"description", "About Gain"},
-					{"type", "int32"},
-					{"value", "3"},
-					{"defaultValue", "3"}}));
+	                                {"title", "Gain"},
+	                                {"description", "About Gain"},
+	                                {"type", "int32"},
+	                                {"value", "3"},
+	                                {"defaultValue", "3"}}));
 }
 
 TEST_F(Settings, EntryHoldsTheStoredValueTwice)
@@ -168,11 +170,11 @@ TEST_F(Settings, WithoutAFileThePluginIsSwitchedOff)
 	make();
 	EXPECT_FALSE(source->enabled);
 	EXPECT_EQ(entry("enable"), (items{{"name", "enable"},
-					  {"title", "Enable"},
-					  {"description", "Enable/Disable plugin"},
-					  {"type", "boolean"},
-					  {"value", "false"},
-					  {"defaultValue", "false"}}));
+	                                  {"title", "Enable"},
+	                                  {"description", "Enable/Disable plugin"},
+	                                  {"type", "boolean"},
+	                                  {"value", "false"},
+	                                  {"defaultValue", "false"}}));
 	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
 	EXPECT_TRUE(plugin->taken.empty());
 }
@@ -182,13 +184,14 @@ TEST_F(Settings, FileOfAPluginWithoutSettingsHasTheSchemaAndEnable)
 	prepare = [](hs_handmade_plugin &p) { p.settings.clear(); };
 	make();
 	EXPECT_EQ(hs_read_text(path),
-		  "{\n \"$schema\": \"" + bed.schemas + "/motion.settings.json\",\n \"enable\": false\n}");
+	          "{\n \"$schema\": \"" + bed.schemas + "/motion.settings.json\",\n \"enable\": false\n}");
 }
 
 TEST_F(Settings, FileIsWrittenWhenTheSourceIsMade)
 {
 	make();
-	EXPECT_EQ(file(), ",\n \"enable\": false,\n \"gain\": 3,\n \"lowcut\": false,\n \"name\": \"ear\"\n}");
+	EXPECT_EQ(file(),
+	          ",\n \"enable\": false,\n \"gain\": 3,\n \"lowcut\": false,\n \"name\": \"ear\"\n}");
 	EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
 }
 
@@ -219,7 +222,8 @@ TEST_F(Settings, StoredFileIsToldOf)
 	hs_write_text(path, "{ \"gain\": 7, \"lowcut\": true }");
 	const hs_log_capture capture;
 	make();
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO, "Loaded config '" + path + "' with 2 items"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO, "Loaded config '" + path + "' with 2 items"), 1u)
+	        << capture.text();
 }
 
 TEST_F(Settings, FileThatCanNotBeReadIsNoError)
@@ -246,7 +250,8 @@ TEST_F(Settings, StoredValueThatDoesNotFitIsKeptAndGivesThePluginTheNameAlone)
 	make();
 	EXPECT_EQ(value("gain"), "loud");
 	EXPECT_EQ(plugin->taken, texts{"Gain"});
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Failed to parse \"Gain\"=\"loud\" as int32"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Failed to parse \"Gain\"=\"loud\" as int32"), 1u)
+	        << capture.text();
 }
 
 TEST_F(Settings, StoredValueThatThePluginRefusesIsKept)
@@ -261,7 +266,8 @@ TEST_F(Settings, StoredValueThatThePluginRefusesIsKept)
 
 TEST_F(Settings, DefaultsOfTheConfigurationCountAsStored)
 {
-	make("plugin.info = { g.default = { title = Gain, value = 9 }, e.default = { title = Enable, value = true } }");
+	make("plugin.info = { g.default = { title = Gain, value = 9 }, e.default = { title = Enable, value = "
+	     "true } }");
 	EXPECT_EQ(value("gain"), "9");
 	EXPECT_TRUE(source->enabled);
 	EXPECT_EQ(plugin->taken, texts{"Gain = Int 9"});
@@ -277,14 +283,16 @@ TEST_F(Settings, StoredValueComesBeforeADefaultThatDiffersOnlyInCase)
 
 TEST_F(Settings, TitlesOfDefaultsAreComparedWithoutCase)
 {
-	make("plugin.info = { g.default = { title = gAIN, value = 9 }, e.default = { title = ENABLE, value = true } }");
+	make("plugin.info = { g.default = { title = gAIN, value = 9 }, e.default = { title = ENABLE, value = "
+	     "true } }");
 	EXPECT_EQ(value("gain"), "9");
 	EXPECT_TRUE(source->enabled);
 }
 
 TEST_F(Settings, FirstDefaultOfATitleCounts)
 {
-	make("plugin.info = { a.default = { title = Gain, value = 1 }, b.default = { title = gain, value = 2 } }");
+	make("plugin.info = { a.default = { title = Gain, value = 1 }, b.default = { title = gain, value = 2 "
+	     "} }");
 	EXPECT_EQ(value("gain"), "1");
 }
 
@@ -298,9 +306,10 @@ TEST_F(Settings, OtherKeysAndBrokenDefaultsAreNoDefaults)
 
 TEST_F(Settings, DefinitionsDefaultsReplaceThoseOfTheConfiguration)
 {
-	const hs_properties_ptr definition(pw_properties_new_string(
-		"{ node.name = n, g.default = { title = Gain, value = 11 } }"));
-	make("plugin.info = { g.default = { title = Gain, value = 9 }, l.default = { title = LowCut, value = true } }",
+	const hs_properties_ptr definition(
+	        pw_properties_new_string("{ node.name = n, g.default = { title = Gain, value = 11 } }"));
+	make("plugin.info = { g.default = { title = Gain, value = 9 }, l.default = { title = LowCut, value = "
+	     "true } }",
 	     definition.get());
 	EXPECT_EQ(value("gain"), "11");
 	EXPECT_EQ(value("lowcut"), "true");
@@ -309,8 +318,8 @@ TEST_F(Settings, DefinitionsDefaultsReplaceThoseOfTheConfiguration)
 TEST_F(Settings, SettingThatCanNotBeDescribedIsLeftOut)
 {
 	prepare = [](hs_handmade_plugin &p) {
-		p.settings = {hs_describe_nothing, hs_describe_nonsense, hs_describe_string("Long", std::string(5000, 'x')),
-			      hs_describe_int("Gain", 1)};
+		p.settings = {hs_describe_nothing, hs_describe_nonsense,
+		              hs_describe_string("Long", std::string(5000, 'x')), hs_describe_int("Gain", 1)};
 		p.n_settings = 6;
 	};
 	make();
@@ -331,9 +340,9 @@ TEST_F(Settings, SettingsBeyond1024AreLeftOutWithAWarning)
 	const hs_log_capture capture;
 	make();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
-				"Plug-in motion has 1024 settings or more: those beyond are left out"),
-		  1u)
-		<< capture.text();
+	                        "Plug-in motion has 1024 settings or more: those beyond are left out"),
+	          1u)
+	        << capture.text();
 	EXPECT_EQ(plugin->count("get_setting"), 1024u);
 	EXPECT_EQ(value("gain"), "3");
 }
@@ -341,7 +350,8 @@ TEST_F(Settings, SettingsBeyond1024AreLeftOutWithAWarning)
 TEST_F(Settings, FirstSettingOfATitleStays)
 {
 	prepare = [](hs_handmade_plugin &p) {
-		p.settings = {hs_describe_int("Gain", 1), hs_describe_bool("GAIN", true), hs_describe_bool("ENABLE", true)};
+		p.settings = {hs_describe_int("Gain", 1), hs_describe_bool("GAIN", true),
+		              hs_describe_bool("ENABLE", true)};
 	};
 	make();
 	EXPECT_EQ(member("gain", "title"), "Gain");
@@ -359,9 +369,9 @@ TEST_F(Settings, StoredComplexSettingIsNotGivenToThePlugin)
 	EXPECT_EQ(member("bands", "type"), "array");
 	EXPECT_EQ(value("bands"), "[ 3, 4 ]");
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
-				"Tried to handle complex type settings which are not supported."),
-		  1u)
-		<< capture.text();
+	                        "Tried to handle complex type settings which are not supported."),
+	          1u)
+	        << capture.text();
 	EXPECT_TRUE(plugin->taken.empty());
 }
 
@@ -372,9 +382,9 @@ TEST_F(Settings, ValueWithoutATypeIsRefused)
 	EXPECT_FALSE(handle("Gain", "5", nullptr));
 	EXPECT_FALSE(handle(nullptr, "5", nullptr));
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Setting value 5 exists but is missing type for "
-						    "source:AudioDevice0Input0.Unprocessed setting:Gain."),
-		  1u)
-		<< capture.text();
+	                                            "source:AudioDevice0Input0.Unprocessed setting:Gain."),
+	          1u)
+	        << capture.text();
 	EXPECT_EQ(capture.complaints(), 2u) << capture.text();
 	EXPECT_EQ(value("gain"), "3");
 	EXPECT_TRUE(plugin->taken.empty());
@@ -387,9 +397,9 @@ TEST_F(Settings, ComplexTypesAreRefused)
 		const hs_log_capture capture;
 		EXPECT_FALSE(handle("Gain", "[ 5 ]", type));
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
-					"Tried to handle complex type settings which are not supported."),
-			  1u)
-			<< capture.text();
+		                        "Tried to handle complex type settings which are not supported."),
+		          1u)
+		        << capture.text();
 	}
 	EXPECT_TRUE(plugin->taken.empty());
 }
@@ -400,9 +410,9 @@ TEST_F(Settings, MissingNameIsRefused)
 	const hs_log_capture capture;
 	EXPECT_FALSE(handle(nullptr, "5", "int32"));
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
-				"Setting name for source:AudioDevice0Input0.Unprocessed missing."),
-		  1u)
-		<< capture.text();
+	                        "Setting name for source:AudioDevice0Input0.Unprocessed missing."),
+	          1u)
+	        << capture.text();
 }
 
 TEST_F(Settings, SwitchingOnCountsAndMarksReportsAndStarts)
@@ -419,9 +429,9 @@ TEST_F(Settings, SwitchingOnCountsAndMarksReportsAndStarts)
 	EXPECT_TRUE(handle("Enable", "true", "boolean"));
 	EXPECT_TRUE(source->enabled);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO,
-				"Enable plugin Motion Detector on AudioDevice0Input0.Unprocessed"),
-		  1u)
-		<< capture.text();
+	                        "Enable plugin Motion Detector on AudioDevice0Input0.Unprocessed"),
+	          1u)
+	        << capture.text();
 	EXPECT_TRUE(counts("enabled_count", 1)) << metrics();
 	EXPECT_TRUE(counts("disabled_count", 0)) << metrics();
 	/* Both are asked whether they report, and the one that does is then looked at. */
@@ -456,9 +466,9 @@ TEST_F(Settings, SwitchingOffStopsARunningStream)
 	EXPECT_FALSE(source->enabled);
 	EXPECT_FALSE(source->pcm->stream_active);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO,
-				"Disable plugin Motion Detector on AudioDevice0Input0.Unprocessed"),
-		  1u)
-		<< capture.text();
+	                        "Disable plugin Motion Detector on AudioDevice0Input0.Unprocessed"),
+	          1u)
+	        << capture.text();
 	EXPECT_TRUE(counts("enabled_count", 1)) << metrics();
 	EXPECT_TRUE(counts("disabled_count", 1)) << metrics();
 	EXPECT_TRUE(plugin->calls.empty());
@@ -540,7 +550,8 @@ TEST_F(Settings, AcceptedValueReachesThePluginTheTableAndTheFile)
 	EXPECT_EQ(plugin->taken, texts{"Gain = Int 12"});
 	EXPECT_EQ(value("gain"), "12");
 	EXPECT_EQ(member("gain", "defaultValue"), "3");
-	EXPECT_EQ(file(), ",\n \"enable\": false,\n \"gain\": 12,\n \"lowcut\": false,\n \"name\": \"ear\"\n}");
+	EXPECT_EQ(file(),
+	          ",\n \"enable\": false,\n \"gain\": 12,\n \"lowcut\": false,\n \"name\": \"ear\"\n}");
 }
 
 TEST_F(Settings, ResultAboveZeroIsAcceptedToo)
@@ -601,9 +612,9 @@ TEST_F(Settings, DisturbanceIsCountedUpByThePluginsOwnNumber)
 {
 	make();
 	const std::pair<hs_add_value, const char *> counts_and_next[] = {
-		{[](spa_pod_builder *b) { spa_pod_builder_long(b, 41); }, "42"},
-		{[](spa_pod_builder *b) { spa_pod_builder_int(b, -1); }, "0"},
-		{[](spa_pod_builder *b) { spa_pod_builder_id(b, UINT32_MAX); }, "4294967296"},
+	        {[](spa_pod_builder *b) { spa_pod_builder_long(b, 41); }, "42"},
+	        {[](spa_pod_builder *b) { spa_pod_builder_int(b, -1); }, "0"},
+	        {[](spa_pod_builder *b) { spa_pod_builder_id(b, UINT32_MAX); }, "4294967296"},
 	};
 	for (const auto &[count, next] : counts_and_next) {
 		plugin->present_settings = counter(count);
@@ -613,8 +624,10 @@ TEST_F(Settings, DisturbanceIsCountedUpByThePluginsOwnNumber)
 		EXPECT_TRUE(hs_source_handle_settings(source, nullptr, transient_name, nullptr, nullptr));
 		EXPECT_EQ(plugin->calls, (texts{"get_settings", "set_settings"}));
 		EXPECT_EQ(plugin->taken, texts{std::string{transient_name} + " = Long " + next});
-		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, std::string{transient_name} + " counter is now " + next), 1u)
-			<< capture.text();
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG,
+		                        std::string{transient_name} + " counter is now " + next),
+		          1u)
+		        << capture.text();
 	}
 }
 
@@ -637,38 +650,39 @@ TEST_F(Settings, DisturbanceCounterMayBeNestedOrDescribed)
 		spa_pod_builder_pop(b, &frame);
 	};
 	EXPECT_TRUE(hs_source_handle_settings(source, nullptr, transient_name, nullptr, nullptr));
-	EXPECT_EQ(plugin->taken, (texts{std::string{transient_name} + " = Long 2", std::string{transient_name} + " = Long 9"}));
+	EXPECT_EQ(plugin->taken, (texts{std::string{transient_name} + " = Long 2",
+	                                std::string{transient_name} + " = Long 9"}));
 }
 
 TEST_F(Settings, WithoutADisturbanceCounterThereIsNothingToDo)
 {
 	make();
 	const hs_add_value answers[] = {
-		nullptr,
-		[](spa_pod_builder *b) { spa_pod_builder_int(b, 3); },
-		counter([](spa_pod_builder *b) { spa_pod_builder_string(b, "many"); }),
-		[](spa_pod_builder *b) {
-			spa_pod_frame frame{};
-			spa_pod_builder_push_struct(b, &frame);
-			spa_pod_builder_string(b, "IndicateSomethingElse");
-			spa_pod_builder_long(b, 3);
-			spa_pod_builder_string(b, transient_name);
-			spa_pod_builder_pop(b, &frame);
-		},
-		[](spa_pod_builder *b) {
-			/* Claims to be larger than what was built. */
-			const spa_pod pod = {100000, SPA_TYPE_Struct};
-			spa_pod_builder_raw(b, &pod, sizeof(pod));
-		},
+	        nullptr,
+	        [](spa_pod_builder *b) { spa_pod_builder_int(b, 3); },
+	        counter([](spa_pod_builder *b) { spa_pod_builder_string(b, "many"); }),
+	        [](spa_pod_builder *b) {
+		        spa_pod_frame frame{};
+		        spa_pod_builder_push_struct(b, &frame);
+		        spa_pod_builder_string(b, "IndicateSomethingElse");
+		        spa_pod_builder_long(b, 3);
+		        spa_pod_builder_string(b, transient_name);
+		        spa_pod_builder_pop(b, &frame);
+	        },
+	        [](spa_pod_builder *b) {
+		        /* Claims to be larger than what was built. */
+		        const spa_pod pod = {100000, SPA_TYPE_Struct};
+		        spa_pod_builder_raw(b, &pod, sizeof(pod));
+	        },
 	};
 	for (const hs_add_value &answer : answers) {
 		plugin->present_settings = answer;
 		const hs_log_capture capture;
 		EXPECT_TRUE(hs_source_handle_settings(source, nullptr, transient_name, nullptr, nullptr));
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG,
-					"No IndicateTransientAudioDisturbance counter to update"),
-			  1u)
-			<< capture.text();
+		                        "No IndicateTransientAudioDisturbance counter to update"),
+		          1u)
+		        << capture.text();
 	}
 	EXPECT_TRUE(plugin->taken.empty());
 }
@@ -711,7 +725,7 @@ TEST_F(Settings, OnlyAStructureWithReportReports)
 {
 	prepare = [](hs_handmade_plugin &p) {
 		p.events = {report_event("A"), hs_describe_flags("B", {{"Detected", true}}),
-			    hs_describe_string("C", "{ \"Report\": \"true\" }"), hs_describe_ints("D", {1})};
+		            hs_describe_string("C", "{ \"Report\": \"true\" }"), hs_describe_ints("D", {1})};
 	};
 	make();
 	const hs_log_capture capture;
@@ -730,7 +744,8 @@ TEST_F(Settings, EventThatCanNotBeAskedWhetherItReportsIsAnError)
 	EXPECT_FALSE(hs_source_has_report(source->interface, 0));
 	EXPECT_FALSE(hs_source_has_report(source->interface, 1));
 	EXPECT_FALSE(hs_source_has_report(source->interface, 2));
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not parse pod for event index 0"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not parse pod for event index 0"), 1u)
+	        << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Event index 1 out of range"), 1u) << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Event index 2 out of range"), 1u) << capture.text();
 }

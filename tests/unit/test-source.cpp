@@ -11,7 +11,8 @@
 #include "failing-new.hpp"
 #include "pcm.hpp"
 
-namespace {
+namespace
+{
 
 using items = std::vector<std::pair<std::string, std::string>>;
 
@@ -19,8 +20,7 @@ items items_of(const pw_properties *table)
 {
 	items result;
 	const spa_dict_item *item;
-	spa_dict_for_each(item, &table->dict)
-		result.emplace_back(item->key, item->value);
+	spa_dict_for_each(item, &table->dict) result.emplace_back(item->key, item->value);
 	return result;
 }
 
@@ -68,7 +68,8 @@ struct Source : testing::Test {
 	{
 		if (position >= source->events->dict.n_items)
 			return {};
-		const hs_properties_ptr event(pw_properties_new_string(source->events->dict.items[position].value));
+		const hs_properties_ptr event(
+		        pw_properties_new_string(source->events->dict.items[position].value));
 		return items_of(event.get());
 	}
 
@@ -96,7 +97,7 @@ TEST_F(Source, NamesComeFromTheNodeAndThePluginsInterfaceName)
 	EXPECT_EQ(source->device_name, "AudioDevice0Input0");
 	EXPECT_EQ(source->settings_interface, "com.orvel.HearSense.Settings.Mover");
 	const std::vector<std::string> interfaces = {"com.orvel.HearSense.Events.Mover.Level",
-						     "com.orvel.HearSense.Events.Mover.Alarm"};
+	                                             "com.orvel.HearSense.Events.Mover.Alarm"};
 	EXPECT_EQ(source->event_interfaces, interfaces);
 	EXPECT_EQ(source->object_path, "/com/orvel/HearSense/AudioDevice0Input0/Unprocessed/Mover");
 	EXPECT_EQ(source->node_path, "/com/orvel/HearSense/AudioDevice0Input0/Unprocessed");
@@ -136,8 +137,10 @@ TEST_F(Source, NamesAreCutAt255Bytes)
 	ASSERT_NE(source, nullptr);
 	EXPECT_EQ(source->name, name);
 	EXPECT_EQ(source->device_name, std::string(300, 'n'));
-	EXPECT_EQ(source->settings_interface, ("com.orvel.HearSense.Settings." + interface_name).substr(0, 255));
-	EXPECT_EQ(source->event_interfaces[0], ("com.orvel.HearSense.Events." + interface_name).substr(0, 255));
+	EXPECT_EQ(source->settings_interface,
+	          ("com.orvel.HearSense.Settings." + interface_name).substr(0, 255));
+	EXPECT_EQ(source->event_interfaces[0],
+	          ("com.orvel.HearSense.Events." + interface_name).substr(0, 255));
 	const std::string path = ("/com/orvel/HearSense/" + name).substr(0, 255);
 	EXPECT_EQ(source->object_path, path);
 	EXPECT_EQ(source->node_path, path);
@@ -207,7 +210,9 @@ TEST_F(Source, HasAMetricsFileFromTheStart)
 	const hs_source *source = make();
 	ASSERT_NE(source->metrics, nullptr);
 	EXPECT_TRUE(source->metrics->active);
-	EXPECT_NE(hs_read_text(bed.directory / "metrics/motion_AudioDevice0Input0_Unprocessed_source_metrics.json"), "");
+	EXPECT_NE(hs_read_text(bed.directory /
+	                       "metrics/motion_AudioDevice0Input0_Unprocessed_source_metrics.json"),
+	          "");
 }
 
 TEST_F(Source, PluginsSourcesStandInOrderOfCreation)
@@ -232,20 +237,23 @@ TEST_F(Source, PluginThatDoesNotLoadGivesNone)
 TEST_F(Source, EventsAreDescribedOnceAtCreation)
 {
 	describe_events({
-		hs_describe_int("Level", 5),
-		hs_describe_ints("Bins", {1, 2}),
-		hs_describe_flags("Alarm", {{"Detected", true}, {"Report", false}}),
+	        hs_describe_int("Level", 5),
+	        hs_describe_ints("Bins", {1, 2}),
+	        hs_describe_flags("Alarm", {{"Detected", true}, {"Report", false}}),
 	});
 	const hs_source *source = make();
 	ASSERT_NE(source, nullptr);
 	EXPECT_EQ(made().count("get_event"), 3u);
-	EXPECT_EQ(event_at(source, 0), (items{{"title", "Level"}, {"type", "int32"}, {"complexType", ""}, {"value", "5"}}));
-	EXPECT_EQ(event_at(source, 1),
-		  (items{{"title", "Bins"}, {"type", "array"}, {"complexType", "ai"}, {"value", "[ 1, 2 ]"}}));
-	EXPECT_EQ(event_at(source, 2), (items{{"title", "Alarm"},
-					      {"type", "struct"},
-					      {"complexType", "(bb)"},
-					      {"value", "{\n  \"Detected\": \"true\",\n  \"Report\": \"false\"\n }"}}));
+	EXPECT_EQ(event_at(source, 0),
+	          (items{{"title", "Level"}, {"type", "int32"}, {"complexType", ""}, {"value", "5"}}));
+	EXPECT_EQ(
+	        event_at(source, 1),
+	        (items{{"title", "Bins"}, {"type", "array"}, {"complexType", "ai"}, {"value", "[ 1, 2 ]"}}));
+	EXPECT_EQ(event_at(source, 2),
+	          (items{{"title", "Alarm"},
+	                 {"type", "struct"},
+	                 {"complexType", "(bb)"},
+	                 {"value", "{\n  \"Detected\": \"true\",\n  \"Report\": \"false\"\n }"}}));
 	EXPECT_EQ(source->event_indices, (std::vector<uint32_t>{0, 1, 2}));
 }
 
@@ -268,13 +276,14 @@ TEST_F(Source, PluginWithoutEventsHasNoTable)
 
 TEST_F(Source, EventThatCanNotBeDescribedIsLeftOutAndTheLastSlotStaysEmpty)
 {
-	describe_events({hs_describe_int("A", 1), hs_describe_nothing, hs_describe_nonsense, hs_describe_int("D", 4)});
+	describe_events({hs_describe_int("A", 1), hs_describe_nothing, hs_describe_nonsense,
+	                 hs_describe_int("D", 4)});
 	const hs_source *source = make();
 	ASSERT_NE(source, nullptr);
 	EXPECT_EQ(source->events->dict.n_items, 2u);
 	EXPECT_EQ(source->event_indices, (std::vector<uint32_t>{0, 3}));
 	const std::vector<std::string> interfaces = {"com.orvel.HearSense.Events.Mover.A",
-						     "com.orvel.HearSense.Events.Mover.D", "", ""};
+	                                             "com.orvel.HearSense.Events.Mover.D", "", ""};
 	EXPECT_EQ(source->event_interfaces, interfaces);
 	EXPECT_STREQ(hs_source_get_event_interface(source, "D"), "com.orvel.HearSense.Events.Mover.D");
 }
@@ -312,9 +321,9 @@ TEST_F(Source, EventsBeyond1024AreLeftOutWithAWarning)
 	const hs_source *source = make();
 	ASSERT_NE(source, nullptr);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN,
-				"Plug-in motion has 1024 events or more: those beyond are left out"),
-		  1u)
-		<< capture.text();
+	                        "Plug-in motion has 1024 events or more: those beyond are left out"),
+	          1u)
+	        << capture.text();
 	EXPECT_EQ(made().count("get_event"), 1024u);
 }
 
@@ -325,22 +334,24 @@ TEST_F(Source, EventsAreFoundByTheirExactTitle)
 	EXPECT_EQ(hs_source_find_event(source, "Level"), 0);
 	EXPECT_EQ(hs_source_find_event(source, "Alarm"), 1);
 	EXPECT_EQ(hs_source_find_event(source, "alarm"), -1);
-	EXPECT_STREQ(hs_source_get_event_interface(source, "Alarm"), "com.orvel.HearSense.Events.Mover.Alarm");
+	EXPECT_STREQ(hs_source_get_event_interface(source, "Alarm"),
+	             "com.orvel.HearSense.Events.Mover.Alarm");
 	EXPECT_EQ(hs_source_get_event_interface(source, "Nothing"), nullptr);
 	EXPECT_EQ(hs_source_get_event_interface(source, nullptr), nullptr);
 }
 
 TEST_F(Source, StreamConfigIsWhatTheDefinitionHas)
 {
-	const hs_properties_ptr definition(pw_properties_new_string(
-		"{ node.name = n, audio.rate = 8000, audio.format = S16, audio.channels = 2, audio.position = [ FL FR ], x = y }"));
+	const hs_properties_ptr definition(
+	        pw_properties_new_string("{ node.name = n, audio.rate = 8000, audio.format = S16, "
+	                                 "audio.channels = 2, audio.position = [ FL FR ], x = y }"));
 	const hs_source *source = make(node_name, definition.get());
 	ASSERT_NE(source, nullptr);
 	EXPECT_EQ(items_of(source->stream_config), (items{{"name", "n"},
-							  {"rate", "8000"},
-							  {"format", "S16"},
-							  {"channels", "2"},
-							  {"position", "[ FL FR ]"}}));
+	                                                  {"rate", "8000"},
+	                                                  {"format", "S16"},
+	                                                  {"channels", "2"},
+	                                                  {"position", "[ FL FR ]"}}));
 
 	const hs_properties_ptr bare(pw_properties_new_string("{ node.name = n }"));
 	EXPECT_EQ(items_of(make(node_name, bare.get())->stream_config), (items{{"name", "n"}}));
@@ -350,40 +361,41 @@ TEST_F(Source, StreamConfigIsWhatTheDefinitionHas)
 TEST_F(Source, StreamHearsTheNodeInF32PWithoutFurtherWishes)
 {
 	EXPECT_EQ(pcm_properties(make()), (items{{"media.type", "Audio"},
-						 {"media.category", "Capture"},
-						 {"audio.format", "F32P"},
-						 {"node.name", "hs-motion-AudioDevice0Input0.Unprocessed"},
-						 {"target.object", "AudioDevice0Input0.Unprocessed"}}));
+	                                         {"media.category", "Capture"},
+	                                         {"audio.format", "F32P"},
+	                                         {"node.name", "hs-motion-AudioDevice0Input0.Unprocessed"},
+	                                         {"target.object", "AudioDevice0Input0.Unprocessed"}}));
 }
 
 TEST_F(Source, StreamTakesItsWishesFromTheConfiguration)
 {
 	load_plugin("plugin.info = { node.name = other, audio.rate = 16000, audio.format = S16LE, "
-		    "audio.channels = 2, audio.position = [ FL FR ] }");
+	            "audio.channels = 2, audio.position = [ FL FR ] }");
 	EXPECT_EQ(pcm_properties(make()), (items{{"media.type", "Audio"},
-						 {"media.category", "Capture"},
-						 {"audio.format", "S16LE"},
-						 {"node.name", "hs-motion-other"},
-						 {"target.object", "other"},
-						 {"audio.channels", "2"},
-						 {"audio.position", "[ FL FR ]"},
-						 {"audio.rate", "16000"}}));
+	                                         {"media.category", "Capture"},
+	                                         {"audio.format", "S16LE"},
+	                                         {"node.name", "hs-motion-other"},
+	                                         {"target.object", "other"},
+	                                         {"audio.channels", "2"},
+	                                         {"audio.position", "[ FL FR ]"},
+	                                         {"audio.rate", "16000"}}));
 }
 
 TEST_F(Source, DefinitionComesBeforeTheConfiguration)
 {
 	load_plugin("plugin.info = { node.name = other, audio.rate = 16000, audio.format = S16LE, "
-		    "audio.channels = 2, audio.position = [ FL FR ] }");
-	const hs_properties_ptr definition(pw_properties_new_string(
-		"{ node.name = mine, audio.rate = 8000, audio.format = S32LE, audio.channels = 1, audio.position = MONO }"));
+	            "audio.channels = 2, audio.position = [ FL FR ] }");
+	const hs_properties_ptr definition(
+	        pw_properties_new_string("{ node.name = mine, audio.rate = 8000, audio.format = S32LE, "
+	                                 "audio.channels = 1, audio.position = MONO }"));
 	EXPECT_EQ(pcm_properties(make(node_name, definition.get())), (items{{"media.type", "Audio"},
-									    {"media.category", "Capture"},
-									    {"audio.format", "S32LE"},
-									    {"node.name", "hs-motion-mine"},
-									    {"target.object", "mine"},
-									    {"audio.channels", "1"},
-									    {"audio.position", "MONO"},
-									    {"audio.rate", "8000"}}));
+	                                                                    {"media.category", "Capture"},
+	                                                                    {"audio.format", "S32LE"},
+	                                                                    {"node.name", "hs-motion-mine"},
+	                                                                    {"target.object", "mine"},
+	                                                                    {"audio.channels", "1"},
+	                                                                    {"audio.position", "MONO"},
+	                                                                    {"audio.rate", "8000"}}));
 }
 
 TEST_F(Source, StreamWithoutAnyNodeNameHearsTheDefault)
@@ -462,10 +474,12 @@ TEST_F(SourceDeathTest, NoMemoryAborts)
 
 TEST_F(SourceDeathTest, NullSourceHasNoConsumers)
 {
-	EXPECT_DEATH(hs_source_inc_consumers(nullptr), "'source' failed at .*source.cpp:[0-9]+ hs_source_inc_consumers\\(\\)");
-	EXPECT_DEATH(hs_source_dec_consumers(nullptr), "'source' failed at .*source.cpp:[0-9]+ hs_source_dec_consumers\\(\\)");
+	EXPECT_DEATH(hs_source_inc_consumers(nullptr),
+	             "'source' failed at .*source.cpp:[0-9]+ hs_source_inc_consumers\\(\\)");
+	EXPECT_DEATH(hs_source_dec_consumers(nullptr),
+	             "'source' failed at .*source.cpp:[0-9]+ hs_source_dec_consumers\\(\\)");
 	EXPECT_DEATH(hs_source_get_n_consumers(nullptr),
-		     "'source' failed at .*source.cpp:[0-9]+ hs_source_get_n_consumers\\(\\)");
+	             "'source' failed at .*source.cpp:[0-9]+ hs_source_get_n_consumers\\(\\)");
 }
 
 TEST_F(Source, TextsForPeopleComeFromTheName)

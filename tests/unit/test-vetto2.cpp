@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -29,6 +30,12 @@ constexpr const char *enable = "com.orvel.HearSense.Settings.Loudness.Enable";
 /** Groups that __wrap_getgrouplist adds to those of every user. */
 std::vector<gid_t> more_groups;
 
+/** Seconds that __wrap_clock_gettime is ahead. */
+time_t clock_ahead = 0;
+
+/** Files that the library has opened. */
+int n_opened = 0;
+
 void write_file(const fs::path &path, const std::string &text)
 {
 	const std::unique_ptr<FILE, int (*)(FILE *)> file{std::fopen(path.c_str(), "w"), std::fclose};
@@ -47,6 +54,7 @@ protected:
 		fs::current_path(folder);
 		fs::create_directory("rights.d");
 		more_groups.clear();
+		clock_ahead = 0;
 	}
 
 	void TearDown() override
@@ -106,6 +114,23 @@ extern "C" int __wrap_getgrouplist(const char *user, gid_t group, gid_t *groups,
 	return fits ? *count : -1;
 }
 
+extern "C" int __real_clock_gettime(clockid_t clock, timespec *time);
+
+extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *time)
+{
+	const int result = __real_clock_gettime(clock, time);
+	time->tv_sec += clock_ahead;
+	return result;
+}
+
+extern "C" FILE *__real_fopen64(const char *path, const char *mode);
+
+extern "C" FILE *__wrap_fopen64(const char *path, const char *mode)
+{
+	n_opened++;
+	return __real_fopen64(path, mode);
+}
+
 TEST_F(Vetto2, GrantsNothingWithoutAFolder)
 {
 	fs::remove("rights.d");
@@ -134,7 +159,16 @@ TEST_F(Vetto2, GrantsAUserTheKeysThatMatchAPattern)
 	EXPECT_EQ(result.code, VETTO2_NOT_AUTHORIZED);
 	EXPECT_FALSE(allowed("Operator", threshold));
 	EXPECT_FALSE(allowed("operator2", threshold));
+	EXPECT_FALSE(allowed("operato?", threshold));
 	EXPECT_FALSE(allowed("", threshold));
+}
+
+TEST_F(Vetto2, TakesNamesAsTheyStand)
+{
+	write_file("rights.d/a.conf", "users = { * = * operato? = * } groups = { * = * }");
+	open();
+	EXPECT_FALSE(allowed("operator", threshold));
+	EXPECT_FALSE(allowed("root", threshold));
 }
 
 TEST_F(Vetto2, MatchesTheWholeKey)
@@ -263,6 +297,7 @@ const broken_file broken_files[] = {
 	{"users = {\n root = [ * ]\n]", 3},	       // the same the other way round
 	{"{ users = { root = * }", 2},		       // outer brace never closed
 	{"{ users = { root = * } }\n}", 2},	       // a brace too many
+	{"{ users = { root = * }\n]", 2},              // the outer brace closed by the other bracket
 	{"users = { root = * }\n\n}", 3},	       // the same without outer braces
 	{"{ users = { root = * } }\nmore", 2},	       // something after the end
 	{"users = { root = * }\nuser = { a = * }", 2}, // misspelt
@@ -343,6 +378,39 @@ TEST_F(Vetto2, SeesAChangeThatKeepsSizeAndTime)
 		ASSERT_EQ(allowed("a", threshold), i % 2 == 1) << i;
 		ASSERT_EQ(allowed("b", threshold), i % 2 == 0) << i;
 	}
+}
+
+TEST_F(Vetto2, ReadsAgainOnlyWhatHasChanged)
+{
+	write_file("rights.d/a.conf", "users = { a = * }");
+	clock_ahead = 60;
+	open();
+	EXPECT_TRUE(allowed("a", threshold));
+	n_opened = 0;
+	EXPECT_TRUE(allowed("a", threshold));
+	EXPECT_EQ(n_opened, 0);
+
+	write_file("rights.d/b.conf", "users = { b = * }");
+	EXPECT_TRUE(allowed("b", threshold));
+	write_file("rights.d/b.conf", "users = { c = * d = * }");
+	EXPECT_FALSE(allowed("b", threshold));
+	EXPECT_TRUE(allowed("d", threshold));
+	fs::remove("rights.d/a.conf");
+	EXPECT_FALSE(allowed("a", threshold));
+}
+
+TEST_F(Vetto2, ReadsAgainWhatMayHaveChangedWithinOneTimeStamp)
+{
+	write_file("rights.d/a.conf", "users = { a = * }");
+	open();
+	n_opened = 0;
+	EXPECT_TRUE(allowed("a", threshold));
+	EXPECT_EQ(n_opened, 1);
+	clock_ahead = 60;
+	EXPECT_TRUE(allowed("a", threshold));
+	EXPECT_EQ(n_opened, 2);
+	EXPECT_TRUE(allowed("a", threshold));
+	EXPECT_EQ(n_opened, 2);
 }
 
 TEST_F(Vetto2, SeesAFileReplacedByAnOlderOne)

@@ -1,7 +1,9 @@
 """A test's own file system: what the daemon finds below its fixed paths, and the plug-ins it can load."""
 
 import json
+import os
 import pathlib
+import pwd
 
 from .client import ROOT, SERVICE
 from .process import wait_until
@@ -169,6 +171,16 @@ class Stage:
         if library:
             self.install_library(file_name)
         return plugin
+
+    def grant(self, user, *keys):
+        """Lets the user write these properties, and no others that are not granted elsewhere."""
+        path = self.rights / "rights.d" / "grant.conf"
+        fresh = path.with_suffix(".new")
+        fresh.write_text(json.dumps({"users": {user: list(keys)}}))
+        fresh.rename(path)
+
+    def grant_everything(self):
+        self.grant(pwd.getpwuid(os.getuid()).pw_name, "*")
 
     def settings_file(self, plugin, node="AudioDevice0Input0"):
         return self.settings / f"{getattr(plugin, 'name', plugin)}-{node}.conf"

@@ -2,12 +2,15 @@
  * A rights library that tells what was asked of it.
  *
  * Each call is appended as one line to the file that HS_DOUBLE_LOG names. With HS_DOUBLE_FAIL set,
- * vetto2_init fails with code 7 and the text of that variable.
+ * vetto2_init fails with code 7 and the text of that variable; with HS_DOUBLE_REFUSE set to a code and a
+ * text, every check is refused with these, else allowed.
  */
 #include "vetto2.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 #define EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -42,11 +45,14 @@ EXPORT bool vetto2_init(struct vetto2_error *error)
 
 EXPORT bool vetto2_check_username(const char *username, const char *key, struct vetto2_error *result)
 {
-	note("check ", key);
-	if (username != nullptr)
+	const char *refusal = std::getenv("HS_DOUBLE_REFUSE");
+
+	note("check ", ((username != nullptr ? username : "(null)") + std::string(" ") + key).c_str());
+	if (refusal == nullptr)
 		return true;
-	result->code = VETTO2_NOT_AUTHORIZED;
-	std::snprintf(result->message, sizeof(result->message), "nobody");
+	char *text = nullptr;
+	result->code = static_cast<int32_t>(std::strtol(refusal, &text, 10));
+	std::snprintf(result->message, sizeof(result->message), "%s", text + std::strspn(text, " "));
 	return false;
 }
 

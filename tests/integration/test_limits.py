@@ -1,0 +1,213 @@
+"""What a client cannot do to the device."""
+
+import os
+import resource
+import socket
+import struct
+
+import pytest
+from bed.client import ERROR, SERVICE, CallFailed
+from bed.private import PrivateClient, authenticate, descriptor_client, take_descriptor
+from bed.process import wait_until
+from bed.stage import event, setting
+
+PER_USER = 64
+MAX_QUEUED = 1024
+
+
+@pytest.fixture
+def main(bed):
+    client = descriptor_client(bed.bus)
+    bed.clients.append(client)
+    return client
+
+
+@pytest.fixture
+def hearing(bed):
+    bed.stage.grant_everything()
+    plugin = bed.plugin(
+        enabled=True,
+        settings=[setting("Room", "string", "hall")],
+        events=[event("Rustle", "int32", 0, public=False), event("Speech")],
+    )
+    bed.microphone()
+    daemon, client = bed.start()
+    client.wait_added(plugin.path())
+    plugin.wait_call("process")
+    return plugin, daemon, client
+
+
+def connect(bed, main):
+    private = PrivateClient(main)
+    bed.clients.append(private)
+    return private
+
+
+def fire(plugin, first, count):
+    """Has the plug-in give an event `count` new values within one buffer, each announced."""
+    done = len(plugin.calls("command"))
+    lines = "".join(f"set Rustle {first + i}\nnotify 0\n" for i in range(count))
+    with open(plugin.folder / f"{plugin.name}-0.ctl", "a", encoding="utf-8") as control:
+        control.write(lines)
+    wait_until(lambda: len(plugin.calls("command")) >= done + 2 * count, f"{count} events to be fired")
+
+
+def refused(main):
+    with pytest.raises(CallFailed) as failure:
+        main.call("/", SERVICE, "GetPrivateBus", "s", ("",))
+    assert (failure.value.name, failure.value.text) == (ERROR, "Cannot create private bus.")
+
+
+def memory(daemon):
+    """Resident kilobytes."""
+    with open(f"/proc/{daemon.pid}/status", encoding="ascii") as status:
+        return int(next(line.split()[1] for line in status if line.startswith("VmRSS")))
+
+
+def assert_hears(bed, plugin, client, value):
+    """Audio still flows, and its events still reach the main bus."""
+    plugin.set("Speech", value)
+    client.wait_change(plugin.event_interface("Speech"), "Speech", value)
+
+
+def test_client_that_stops_reading_is_dropped_with_one_warning(bed, hearing, main):
+    plugin, daemon, client = hearing
+    stalled, reading = connect(bed, main), connect(bed, main)
+    for private in (stalled, reading):
+        private.enable(plugin, "Rustle")
+    interface = plugin.event_interface("Rustle")
+    fired = 0
+    while daemon.log_count("messages unread") == 0:
+        assert fired < 20 * MAX_QUEUED, "the client that does not read was never dropped"
+        fire(plugin, fired + 1, 200)
+        fired += 200
+        reading.wait_change(interface, "Rustle", fired)
+    wait_until(lambda: daemon.log_count("Destroy bus event data: ") == 1, "the bus to go")
+    fire(plugin, fired + 1, 50)
+    reading.wait_change(interface, "Rustle", fired + 50)
+    assert reading.changes(interface, "Rustle") == list(range(1, fired + 51))
+    assert daemon.log_count("messages unread") == 1
+    assert daemon.log_count("Destroy bus event data: ") == 1
+    assert_hears(bed, plugin, client, True)
+
+
+def test_one_user_gets_so_many_buses_and_no_more(bed, main):
+    daemon, client = bed.start()
+    sockets = [take_descriptor(main) for _ in range(PER_USER)]
+    for count in range(1, 3):
+        refused(main)
+        lines = daemon.log_lines("Refused a private bus")
+        assert len(lines) == count
+        assert f"user {os.getuid()}" in lines[-1] and str(PER_USER) in lines[-1]
+    for sock in sockets:
+        authenticate(sock)
+    sockets.pop().close()
+    wait_until(lambda: daemon.log_count("Destroy bus event data: ") == 1, "one bus to go")
+    sockets.append(take_descriptor(main))
+    refused(main)
+    assert client.managed_objects() == {}
+    for sock in sockets:
+        sock.close()
+
+
+def test_without_a_descriptor_left_the_call_is_refused_and_open_buses_stay(bed, hearing, main):
+    plugin, daemon, client = hearing
+    private = connect(bed, main)
+    private.enable(plugin, "Rustle")
+    open_now = max(int(name) for name in os.listdir(f"/proc/{daemon.pid}/fd")) + 1
+    soft, hard = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (open_now + 2, hard))
+    taken = []
+    with pytest.raises(CallFailed) as failure:
+        for _ in range(4):
+            taken.append(take_descriptor(main))
+    assert (failure.value.name, failure.value.text) == (ERROR, "Cannot create private bus.")
+    lines = daemon.log_lines("Refused a private bus")
+    assert len(lines) == 1
+    assert f"user {os.getuid()}" in lines[0] and str(open_now + 2) in lines[0]
+    resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (soft, hard))
+    fire(plugin, 1, 1)
+    private.wait_change(plugin.event_interface("Rustle"), "Rustle", 1)
+    connect(bed, main).managed_objects()
+    assert_hears(bed, plugin, client, True)
+    for sock in taken:
+        sock.close()
+
+
+@pytest.mark.seconds(150)
+def test_peer_that_never_authenticates_is_dropped_by_the_bus_library(bed, main):
+    daemon, client = bed.start()
+    sock = take_descriptor(main)
+    wait_until(lambda: daemon.log_count("Destroy bus event data: ") == 1, "the silent peer to go", 120)
+    assert sock.recv(16) == b""
+    assert client.managed_objects() == {}
+
+
+def test_sixty_clients_with_half_a_message_each_stop_nobody(bed, hearing, main):
+    plugin, daemon, client = hearing
+    before = memory(daemon)
+    halves = []
+    for _ in range(60):
+        sock = take_descriptor(main)
+        authenticate(sock)
+        # A header that promises 64 MiB of body, and then nothing.
+        sock.sendall(struct.pack("<cBBBIII", b"l", 1, 0, 1, 64 * 1024 * 1024, 1, 0)[:12])
+        halves.append(sock)
+    assert_hears(bed, plugin, client, True)
+    private = connect(bed, main)
+    private.enable(plugin, "Rustle")
+    fire(plugin, 1, 1)
+    private.wait_change(plugin.event_interface("Rustle"), "Rustle", 1)
+    assert memory(daemon) - before < 32 * 1024
+    for sock in halves:
+        sock.close()
+
+
+@pytest.mark.parametrize(
+    "data", [b"\0", b"\xff" * 4096, b"\0AUTH ANONYMOUS\r\nDATA\r\nBEGIN\r\n" + b"l" + b"\xff" * 200, b"GET / HTTP/1.0\r\n\r\n"]
+)
+def test_garbage_on_a_private_bus_costs_that_bus_only(bed, hearing, main, data):
+    plugin, daemon, client = hearing
+    sock = take_descriptor(main)
+    try:
+        sock.sendall(data)
+        sock.shutdown(socket.SHUT_WR)
+    except OSError:
+        pass
+    wait_until(lambda: daemon.log_count("Destroy bus event data: ") == 1, "the bus to go")
+    sock.close()
+    assert_hears(bed, plugin, client, True)
+
+
+def test_huge_strings_and_arrays_are_answered_and_forgotten(bed, hearing):
+    plugin, daemon, client = hearing
+    before = memory(daemon)
+    for _ in range(4):
+        with pytest.raises(CallFailed):
+            client.call("/", SERVICE, "NoSuchMethod", "s", ("x" * (16 * 1024 * 1024),))
+        with pytest.raises(CallFailed):
+            client.call("/", SERVICE, "GetPrivateBus", "as", (["y" * 1000] * 10000,))
+    client.set(plugin.path(), plugin.settings_interface, "Room", "s", "z" * (8 * 1024 * 1024))
+    assert client.get(plugin.path(), plugin.settings_interface, "Room") == "z" * 127
+    assert_hears(bed, plugin, client, True)
+    assert memory(daemon) - before < 64 * 1024
+
+
+def test_flood_of_calls_is_answered_and_audio_goes_on(bed, hearing):
+    plugin, daemon, client = hearing
+    before = memory(daemon)
+    flood = bed.client()
+    serials = [flood.send("/", "org.freedesktop.DBus.Peer", "Ping") for _ in range(3000)]
+    assert_hears(bed, plugin, client, True)
+    flood.wait_reply(serials[-1])
+    assert memory(daemon) - before < 32 * 1024
+
+
+def test_private_client_that_floods_is_answered(bed, hearing, main):
+    plugin, daemon, client = hearing
+    private = connect(bed, main)
+    for _ in range(5):
+        serials = [private.send("/", "org.freedesktop.DBus.Peer", "Ping") for _ in range(200)]
+        private.wait_reply(serials[-1])
+    assert_hears(bed, plugin, client, True)
+    assert daemon.log_count("messages unread") == 0
