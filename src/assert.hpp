@@ -10,10 +10,10 @@
 [[noreturn]] void hs_unreachable(const char *file, unsigned int line, const char *function);
 
 /** Aborts unless `condition` holds, and says `text` failed. */
-#define HS_ASSERT_TEXT(condition, text)                                                                           \
-	do {                                                                                                      \
-		if (!(condition))                                                                                 \
-			hs_assert_failed(text, __FILE__, __LINE__, __func__);                                     \
+#define HS_ASSERT_TEXT(condition, text)                                                                                \
+	do {                                                                                                           \
+		if (!(condition))                                                                                      \
+			hs_assert_failed(text, __FILE__, __LINE__, __func__);                                          \
 	} while (false)
 
 /** Aborts unless `condition` holds. */

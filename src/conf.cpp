@@ -88,8 +88,7 @@ bool read_text(const char *path, std::string *text)
 	text->resize(static_cast<size_t>(status.st_size));
 	size_t length = 0;
 	while (length < text->size()) {
-		const ssize_t n =
-			TEMP_FAILURE_RETRY(read(file.get(), text->data() + length, text->size() - length));
+		const ssize_t n = TEMP_FAILURE_RETRY(read(file.get(), text->data() + length, text->size() - length));
 		if (n < 0)
 			return false;
 		if (n == 0)
@@ -107,8 +106,7 @@ void add_setting(pw_properties *values, const char *text)
 		return;
 
 	const hs_properties_ptr setting{pw_properties_new_string(text)};
-	pw_properties_set(values, pw_properties_get(setting.get(), "name"),
-			  pw_properties_get(setting.get(), "value"));
+	pw_properties_set(values, pw_properties_get(setting.get(), "name"), pw_properties_get(setting.get(), "value"));
 }
 
 int write_settings(FILE *stream, void *data)
@@ -152,8 +150,7 @@ bool hs_conf_get_configs(const char *path, const char *override_path, pw_propert
 	int index = 0;
 	for (const std::string &name : names) {
 		const std::string key = "config.name." + std::to_string(index++);
-		pw_properties_set(config_names, key.c_str(),
-				  check_override(name.c_str(), path, override_path).c_str());
+		pw_properties_set(config_names, key.c_str(), check_override(name.c_str(), path, override_path).c_str());
 	}
 	return true;
 }
@@ -167,8 +164,7 @@ bool hs_conf_load_conf(const char *path, pw_properties *properties)
 	}
 
 	/* The parser may look one byte past a text that ends inside an object: at the terminator. */
-	const int n_items =
-		text.empty() ? 0 : pw_properties_update_string(properties, text.c_str(), text.size());
+	const int n_items = text.empty() ? 0 : pw_properties_update_string(properties, text.c_str(), text.size());
 	pw_log_info("%p: Loaded config '%s' with %d items", static_cast<void *>(properties), path, n_items);
 	return true;
 }
@@ -179,11 +175,9 @@ void hs_settings_write(const pw_properties *settings)
 	if (!path)
 		return;
 
-	const hs_properties_ptr values{
-		pw_properties_new("$schema", pw_properties_get(settings, "$schema"), nullptr)};
+	const hs_properties_ptr values{pw_properties_new("$schema", pw_properties_get(settings, "$schema"), nullptr)};
 	const spa_dict_item *item;
-	spa_dict_for_each(item, &settings->dict)
-	{
+	spa_dict_for_each(item, &settings->dict) {
 		add_setting(values.get(), item->value);
 	}
 	hs_atomic_file_write(path, write_settings, values.get());

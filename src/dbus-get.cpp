@@ -34,7 +34,8 @@ bool generate_bool(sd_bus *bus, const hs_source *source, const char *interface, 
 {
 	const hs_plugin *plugin = source->plugin;
 	if (spa_streq(property, "EnableEvent"))
-		return hs_loop_bus_get_event_status(hs_context_get()->loop, bus, source, hs_dbus_property_event(interface), value);
+		return hs_loop_bus_get_event_status(hs_context_get()->loop, bus, source,
+						    hs_dbus_property_event(interface), value);
 	if (spa_streq(property, "isDeprecated"))
 		*value = hs_plugin_get_event_flag(plugin, interface, HS_PLUGIN_EVENT_IS_DEPRECATED);
 	else if (spa_streq(property, "isApplicationData"))
@@ -114,10 +115,10 @@ struct topic_property {
 };
 
 constexpr topic_property topic_properties[] = {
-	{"Topic0Name", HS_PLUGIN_TOPIC0_NAME}, {"Topic0Namespace", HS_PLUGIN_TOPIC0_NAMESPACE},
-	{"Topic0NiceName", HS_PLUGIN_TOPIC0_NICE_NAME}, {"Topic1Name", HS_PLUGIN_TOPIC1_NAME},
+	{"Topic0Name", HS_PLUGIN_TOPIC0_NAME},		 {"Topic0Namespace", HS_PLUGIN_TOPIC0_NAMESPACE},
+	{"Topic0NiceName", HS_PLUGIN_TOPIC0_NICE_NAME},	 {"Topic1Name", HS_PLUGIN_TOPIC1_NAME},
 	{"Topic1Namespace", HS_PLUGIN_TOPIC1_NAMESPACE}, {"Topic1NiceName", HS_PLUGIN_TOPIC1_NICE_NAME},
-	{"Topic2Name", HS_PLUGIN_TOPIC2_NAME}, {"Topic2Namespace", HS_PLUGIN_TOPIC2_NAMESPACE},
+	{"Topic2Name", HS_PLUGIN_TOPIC2_NAME},		 {"Topic2Namespace", HS_PLUGIN_TOPIC2_NAMESPACE},
 	{"Topic2NiceName", HS_PLUGIN_TOPIC2_NICE_NAME},
 };
 
@@ -158,8 +159,8 @@ int get_string(sd_bus *, const char *path, const char *interface, const char *pr
 {
 	const auto *source = static_cast<const hs_source *>(data);
 	if (const hs_properties_ptr entry = find_entry(source, interface, property))
-		return answer(sd_bus_message_append(reply, "s", pw_properties_get(entry.get(), "value")), error, property,
-			      interface, path);
+		return answer(sd_bus_message_append(reply, "s", pw_properties_get(entry.get(), "value")), error,
+			      property, interface, path);
 	const std::optional<std::string> text = generate_string(source, interface, property);
 	if (!text)
 		return hs_dbus_property_fail(error, property, interface, path);
@@ -169,8 +170,8 @@ int get_string(sd_bus *, const char *path, const char *interface, const char *pr
 /** The path that the property points to; null where there is none. */
 const char *find_object_path(const hs_source *source, const char *interface, const char *property)
 {
-	const bool of_instance = spa_strstartswith(interface, HS_DBUS_EVENTS_PREFIX) ||
-				 spa_streq(interface, HS_DBUS_INSTANCE_INTERFACE);
+	const bool of_instance =
+		spa_strstartswith(interface, HS_DBUS_EVENTS_PREFIX) || spa_streq(interface, HS_DBUS_INSTANCE_INTERFACE);
 	if (of_instance && spa_streq(property, "Source"))
 		return source->node_path.c_str();
 	if (spa_streq(interface, HS_DBUS_SOURCE_INTERFACE) && spa_streq(property, "AudioChain"))
@@ -265,19 +266,22 @@ int append_variant(sd_bus_message *reply, char type, const char *value)
 		uint32_t number;
 		if (!hs_parse_uint32(value, &number))
 			return warn_unparsable(value, type);
-		return check_step(sd_bus_message_append(reply, "v", "u", number), "Unable to open append uint32_t variant");
+		return check_step(sd_bus_message_append(reply, "v", "u", number),
+				  "Unable to open append uint32_t variant");
 	}
 	case 'i': {
 		int32_t number;
 		if (!hs_parse_int32(value, &number))
 			return warn_unparsable(value, type);
-		return check_step(sd_bus_message_append(reply, "v", "i", number), "Unable to open append int32_t variant");
+		return check_step(sd_bus_message_append(reply, "v", "i", number),
+				  "Unable to open append int32_t variant");
 	}
 	case 'x': {
 		int64_t number;
 		if (!hs_parse_int64(value, &number))
 			return warn_unparsable(value, type);
-		return check_step(sd_bus_message_append(reply, "v", "x", number), "Unable to open append int64_t variant");
+		return check_step(sd_bus_message_append(reply, "v", "x", number),
+				  "Unable to open append int64_t variant");
 	}
 	case 'f': {
 		float number;
@@ -290,12 +294,14 @@ int append_variant(sd_bus_message *reply, char type, const char *value)
 		double number;
 		if (!hs_parse_double(value, &number))
 			return warn_unparsable(value, type);
-		return check_step(sd_bus_message_append(reply, "v", "d", number), "Unable to open append double variant");
+		return check_step(sd_bus_message_append(reply, "v", "d", number),
+				  "Unable to open append double variant");
 	}
 	case 's':
 		if (is_empty)
 			return warn_unparsable(value, type);
-		return check_step(sd_bus_message_append(reply, "v", "s", value), "Unable to open append string variant");
+		return check_step(sd_bus_message_append(reply, "v", "s", value),
+				  "Unable to open append string variant");
 	default:
 		pw_log_warn("Unkown type in struct %c", type);
 		return 0;
@@ -328,7 +334,8 @@ bool event_has_report(const hs_source *source, const char *title)
 int append_struct(sd_bus_message *reply, const hs_source *source, const char *property, const pw_properties *members,
 		  const char *signature)
 {
-	int r = check_step(sd_bus_message_open_container(reply, SD_BUS_TYPE_ARRAY, "{sv}"), "Unable to open array container");
+	int r = check_step(sd_bus_message_open_container(reply, SD_BUS_TYPE_ARRAY, "{sv}"),
+			   "Unable to open array container");
 	if (r < 0)
 		return r;
 

@@ -49,8 +49,8 @@ bool handle_on_chain(const hs_context *context, const char *chain_path, const ch
 	return true;
 }
 
-int work_on_chain(sd_bus_message *message, const hs_dbus *dbus, const char *name, const char *value,
-		  const char *type, sd_bus_error *error)
+int work_on_chain(sd_bus_message *message, const hs_dbus *dbus, const char *name, const char *value, const char *type,
+		  sd_bus_error *error)
 {
 	if (handle_on_chain(dbus->context, sd_bus_message_get_path(message), name, value, type))
 		return 1;
@@ -97,8 +97,7 @@ int hs_dbus_indicate_transient_audio_disturbance(sd_bus_message *message, void *
 int hs_dbus_trigger_event(sd_bus_message *message, void *data, sd_bus_error *error)
 {
 	const auto *dbus = static_cast<const hs_dbus *>(data);
-	const std::string interface =
-		dbus->interface.substr(0, dbus->interface.size() - std::strlen(trigger_suffix));
+	const std::string interface = dbus->interface.substr(0, dbus->interface.size() - std::strlen(trigger_suffix));
 	const std::string event_name = interface.substr(interface.rfind('.') + 1);
 
 	hs_props_set_value(dbus->owner->events, event_name.c_str(), triggered_value);

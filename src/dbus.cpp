@@ -55,8 +55,8 @@ int add_to_bus(dbus_ptr dbus, sd_bus *bus, const std::string &path, void *data)
 	/* The answer that sd-bus has for no table, without its assertion line. */
 	if (!dbus->vtable)
 		return -EINVAL;
-	const int r = sd_bus_add_object_vtable(bus, &dbus->slot, path.c_str(), dbus->interface.c_str(), dbus->vtable,
-					       data);
+	const int r =
+		sd_bus_add_object_vtable(bus, &dbus->slot, path.c_str(), dbus->interface.c_str(), dbus->vtable, data);
 	if (r >= 0)
 		static_cast<void>(dbus.release());
 	return r;
@@ -76,13 +76,13 @@ int add_property(hs_source *source, sd_bus *bus, const std::string &path, const 
 {
 	const int r = register_property(source, bus, path, interface, signature, name, writable);
 	if (r < 0)
-		pw_log_error("Failed to setup dbus property %s, %s, %s with error: %s", path.c_str(),
-			     interface.c_str(), name, std::strerror(-r));
+		pw_log_error("Failed to setup dbus property %s, %s, %s with error: %s", path.c_str(), interface.c_str(),
+			     name, std::strerror(-r));
 	return r;
 }
 
-int add_method(hs_source *source, sd_bus *bus, const std::string &path, const std::string &interface,
-	       const char *name, sd_bus_message_handler_t handler, const char *in_signature, const char *out_signature)
+int add_method(hs_source *source, sd_bus *bus, const std::string &path, const std::string &interface, const char *name,
+	       sd_bus_message_handler_t handler, const char *in_signature, const char *out_signature)
 {
 	dbus_ptr dbus = dbus_new(source, name, in_signature, nullptr, interface);
 	dbus->vtable = hs_dbus_cb_method(dbus->name.c_str(), handler, in_signature, out_signature);
@@ -107,8 +107,8 @@ int add_entry(hs_source *source, sd_bus *bus, const std::string &interface, cons
 	      entry_table_builder build)
 {
 	const char *signature = choose_signature(entry);
-	dbus_ptr dbus = dbus_new(source, pw_properties_get(entry, "title"), pw_properties_get(entry, "type"),
-				 signature, interface);
+	dbus_ptr dbus = dbus_new(source, pw_properties_get(entry, "title"), pw_properties_get(entry, "type"), signature,
+				 interface);
 	if (signature)
 		dbus->vtable = build(dbus->signature.c_str(), dbus->name.c_str());
 	return add_to_bus(std::move(dbus), bus, source->object_path, source);
@@ -119,7 +119,8 @@ void add_setting(hs_source *source, sd_bus *bus, const pw_properties *setting)
 	const int r = add_entry(source, bus, source->settings_interface, setting, hs_dbus_cb_writeable_property);
 	if (r < 0)
 		pw_log_error("Failed to setup dbus setting %s, %s, %s with error: %s", source->object_path.c_str(),
-			     source->settings_interface.c_str(), pw_properties_get(setting, "title"), std::strerror(-r));
+			     source->settings_interface.c_str(), pw_properties_get(setting, "title"),
+			     std::strerror(-r));
 }
 
 void add_settings(hs_source *source, sd_bus *bus)
@@ -140,23 +141,12 @@ void add_event_properties(hs_source *source, sd_bus *bus, const std::string &int
 		bool writable;
 	};
 	static constexpr event_property event_properties[] = {
-		{"Source", "o", false},
-		{"EventName", "s", false},
-		{"NiceName", "s", false},
-		{"isDeprecated", "b", false},
-		{"isApplicationData", "b", false},
-		{"isPropertyState", "b", false},
-		{"Topic0Name", "s", false},
-		{"Topic0Namespace", "s", false},
-		{"Topic0NiceName", "s", false},
-		{"Topic1Name", "s", false},
-		{"Topic1Namespace", "s", false},
-		{"Topic1NiceName", "s", false},
-		{"Topic2Name", "s", false},
-		{"Topic2Namespace", "s", false},
-		{"Topic2NiceName", "s", false},
-		{"EnableEvent", "b", true},
-		{"DataTypes", "()", false},
+		{"Source", "o", false},	      {"EventName", "s", false},	 {"NiceName", "s", false},
+		{"isDeprecated", "b", false}, {"isApplicationData", "b", false}, {"isPropertyState", "b", false},
+		{"Topic0Name", "s", false},   {"Topic0Namespace", "s", false},	 {"Topic0NiceName", "s", false},
+		{"Topic1Name", "s", false},   {"Topic1Namespace", "s", false},	 {"Topic1NiceName", "s", false},
+		{"Topic2Name", "s", false},   {"Topic2Namespace", "s", false},	 {"Topic2NiceName", "s", false},
+		{"EnableEvent", "b", true},   {"DataTypes", "()", false},
 	};
 	for (const event_property &property : event_properties)
 		add_property(source, bus, source->object_path, interface, property.signature, property.name,
@@ -282,8 +272,7 @@ void announce_shared(sd_bus *bus, const std::string &path)
 		pw_log_error("Failed to emit interfaces for path %s: %s", path.c_str(), std::strerror(-r));
 }
 
-void emit_property_changed_on_bus(sd_bus *bus, hs_source *source, const char *interface, const char *title,
-				  bool force)
+void emit_property_changed_on_bus(sd_bus *bus, hs_source *source, const char *interface, const char *title, bool force)
 {
 	const hs_context *context = hs_context_get();
 	bool enabled = false;
@@ -403,7 +392,8 @@ bool hs_dbus_setup_plugin_interfaces(hs_source *source)
 	while (sd_bus *bus = hs_loop_bus_iterate(context->loop, &cursor))
 		publish_instance(source, bus);
 
-	if (add_property(source, context->bus, source->object_path, source->settings_interface, "s", "Schema", false) < 0)
+	if (add_property(source, context->bus, source->object_path, source->settings_interface, "s", "Schema", false) <
+	    0)
 		return false;
 	add_settings(source, context->bus);
 	if (!publish_events(context, source))

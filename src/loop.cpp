@@ -465,8 +465,7 @@ sd_bus *hs_loop_bus_iterate(hs_loop *loop, void **cursor)
 	return nullptr;
 }
 
-bool hs_loop_bus_get_event_status(hs_loop *loop, sd_bus *bus, const hs_source *source, const char *name,
-				  bool *enabled)
+bool hs_loop_bus_get_event_status(hs_loop *loop, sd_bus *bus, const hs_source *source, const char *name, bool *enabled)
 {
 	bus_event_data *data = find_bus(loop, bus);
 	if (!data)

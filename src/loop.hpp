@@ -53,8 +53,7 @@ void hs_loop_do_quit(void *loop, int signal);
 sd_bus *hs_loop_bus_iterate(hs_loop *loop, void **cursor);
 
 /** Whether the event is enabled on the bus; false where the bus is not attached. */
-bool hs_loop_bus_get_event_status(hs_loop *loop, sd_bus *bus, const hs_source *source, const char *name,
-				  bool *enabled);
+bool hs_loop_bus_get_event_status(hs_loop *loop, sd_bus *bus, const hs_source *source, const char *name, bool *enabled);
 /** Enables or disables the event on an attached bus and counts its source's consumers. */
 void hs_loop_bus_set_event_status(hs_loop *loop, sd_bus *bus, const char *name, hs_source *source, bool enabled);
 

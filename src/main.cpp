@@ -131,7 +131,8 @@ bool connect_pipewire(daemon_parts *parts)
 	}
 	parts->core = pw_context_connect(parts->pipewire, nullptr, 0);
 	if (!parts->core) {
-		pw_log_error("Could not connect to PipeWire: %m. It must run before the daemon, in the directory that PIPEWIRE_RUNTIME_DIR or else XDG_RUNTIME_DIR names.");
+		pw_log_error(
+			"Could not connect to PipeWire: %m. It must run before the daemon, in the directory that PIPEWIRE_RUNTIME_DIR or else XDG_RUNTIME_DIR names.");
 		return false;
 	}
 	pw_core_add_listener(parts->core, &parts->core_listener, &core_events, parts->loop);

@@ -23,11 +23,11 @@
 
 namespace {
 
-constexpr char ENABLED_COUNT[] = "enabled_count";
-constexpr char DISABLED_COUNT[] = "disabled_count";
+constexpr char enabled_key[] = "enabled_count";
+constexpr char disabled_key[] = "disabled_count";
 
 /** How much of a metrics file is read, a terminator included. */
-constexpr size_t READ_SIZE = 1024;
+constexpr size_t read_size = 1024;
 
 std::optional<std::string> metrics_path;
 
@@ -47,15 +47,14 @@ hs_malloc_ptr<char> source_metrics_construct_file_path(const hs_source *source)
 
 	static constexpr char format[] = "%s%s%s_%s_source_metrics.json";
 	const char *plugin = source->plugin->name;
-	const size_t size =
-		metrics_path->size() + 1 + std::strlen(plugin) + std::strlen(name.get()) + sizeof(format);
+	const size_t size = metrics_path->size() + 1 + std::strlen(plugin) + std::strlen(name.get()) + sizeof(format);
 	hs_malloc_ptr<char> path{static_cast<char *>(std::malloc(size))};
 	if (!path) {
 		pw_log_warn("Failed to allocate memory for metrics file path");
 		return nullptr;
 	}
-	std::snprintf(path.get(), size, format, metrics_path->c_str(),
-		      metrics_path->ends_with('/') ? "" : "/", plugin, name.get());
+	std::snprintf(path.get(), size, format, metrics_path->c_str(), metrics_path->ends_with('/') ? "" : "/", plugin,
+		      name.get());
 	return path;
 }
 
@@ -73,7 +72,7 @@ bool read_json_int(const char *path, const char *key, uint32_t *value)
 		return false;
 	}
 	fd.release();
-	char text[READ_SIZE];
+	char text[read_size];
 	const size_t length = std::fread(text, 1, sizeof(text) - 1, file.get());
 	if (length == 0) {
 		pw_log_warn("Failed to read metrics file at path: %s", path);
@@ -107,8 +106,7 @@ int write_source_metrics(FILE *stream, void *data)
 			    "    \"dbus_object_path\": \"%s\",\n"
 			    "    \"dbus_interface\": \"%s\"\n"
 			    "}\n",
-			    name ? name : "(null)", source->name.c_str(),
-			    static_cast<int>(metrics->enabled_count),
+			    name ? name : "(null)", source->name.c_str(), static_cast<int>(metrics->enabled_count),
 			    static_cast<int>(metrics->disabled_count), source->object_path.c_str(),
 			    source->settings_interface.c_str());
 }
@@ -122,14 +120,14 @@ void source_metrics_counter_add_value(hs_source_metrics *metrics, const char *co
 	if (!path)
 		return;
 	if (access(path.get(), F_OK) == 0) {
-		if (!read_json_int(path.get(), ENABLED_COUNT, &metrics->enabled_count) ||
-		    !read_json_int(path.get(), DISABLED_COUNT, &metrics->disabled_count))
+		if (!read_json_int(path.get(), enabled_key, &metrics->enabled_count) ||
+		    !read_json_int(path.get(), disabled_key, &metrics->disabled_count))
 			return;
 	}
 
-	if (spa_streq(counter, ENABLED_COUNT)) {
+	if (spa_streq(counter, enabled_key)) {
 		metrics->enabled_count += value;
-	} else if (spa_streq(counter, DISABLED_COUNT)) {
+	} else if (spa_streq(counter, disabled_key)) {
 		metrics->disabled_count += value;
 	} else {
 		pw_log_warn("Unknown counter name: %s", counter ? counter : "(null)");
@@ -196,7 +194,7 @@ void hs_metrics_set_active(hs_metrics *metrics, bool active)
 		return;
 	}
 	metrics->active = active;
-	source_metrics_counter_add_value(static_cast<hs_source_metrics *>(metrics->data), ENABLED_COUNT, 0);
+	source_metrics_counter_add_value(static_cast<hs_source_metrics *>(metrics->data), enabled_key, 0);
 }
 
 void hs_metrics_increment_counter(hs_metrics *metrics, const char *counter)

@@ -18,7 +18,7 @@
 namespace {
 
 /** Longest token of an array, its terminator included. */
-constexpr size_t TOKEN_SIZE = 512;
+constexpr size_t token_size = 512;
 
 locale_t c_locale()
 {
@@ -81,12 +81,9 @@ struct element_type {
 };
 
 constexpr element_type element_types[] = {
-	{"ab", sizeof(bool), sizeof(bool), store_bool},
-	{"au", sizeof(uint32_t), sizeof(uint32_t), store_uint32},
-	{"ai", sizeof(int32_t), sizeof(int32_t), store_int32},
-	{"ax", sizeof(int64_t), sizeof(int64_t), store_int64},
-	{"ad", sizeof(double), sizeof(double), store_double},
-	{"as", sizeof(char *), HS_PARSE_TEXT_SIZE, store_text},
+	{"ab", sizeof(bool), sizeof(bool), store_bool},	       {"au", sizeof(uint32_t), sizeof(uint32_t), store_uint32},
+	{"ai", sizeof(int32_t), sizeof(int32_t), store_int32}, {"ax", sizeof(int64_t), sizeof(int64_t), store_int64},
+	{"ad", sizeof(double), sizeof(double), store_double},  {"as", sizeof(char *), HS_PARSE_TEXT_SIZE, store_text},
 };
 
 const element_type *find_element_type(const char *signature)
@@ -103,9 +100,9 @@ const element_type *find_element_type(const char *signature)
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wstringop-truncation"
 #endif
-bool decode(const char *token, int length, char (&element)[TOKEN_SIZE])
+bool decode(const char *token, int length, char (&element)[token_size])
 {
-	return spa_json_parse_stringn(token, length, element, TOKEN_SIZE) > 0;
+	return spa_json_parse_stringn(token, length, element, token_size) > 0;
 }
 #pragma GCC diagnostic pop
 
@@ -124,15 +121,15 @@ public:
 	array_walk &operator=(const array_walk &) = delete;
 
 	/** The next element decoded into `element`; false at the end or at one that cannot be decoded. */
-	bool next(char (&element)[TOKEN_SIZE])
+	bool next(char (&element)[token_size])
 	{
 		const char *value;
 		const int length = spa_json_next(&elements, &value);
-		if (length <= 0 || static_cast<size_t>(length) >= TOKEN_SIZE)
+		if (length <= 0 || static_cast<size_t>(length) >= token_size)
 			return false;
 
 		/* The decoder reads what follows a backslash, also where the text ends with that. */
-		char token[TOKEN_SIZE];
+		char token[token_size];
 		std::memcpy(token, value, static_cast<size_t>(length));
 		token[length] = '\0';
 		return decode(token, length, element);
@@ -213,7 +210,7 @@ bool hs_parse_double(const char *text, double *value)
 uint32_t hs_parse_array_count(const char *text, size_t length)
 {
 	array_walk walk{text, length};
-	char element[TOKEN_SIZE];
+	char element[token_size];
 	uint32_t count = 0;
 
 	while (walk.next(element))
@@ -237,7 +234,7 @@ void hs_parse_array(const char *text, size_t length, uint32_t count, void **out,
 	HS_ASSERT(packed);
 
 	array_walk walk{text, length};
-	char element[TOKEN_SIZE];
+	char element[token_size];
 	uint32_t n = 0;
 	while (n < count && walk.next(element)) {
 		type->store(element, static_cast<char *>(packed) + size_t{n} * type->stride);

@@ -289,7 +289,8 @@ bool hs_pcm_plugin_init(hs_pcm *pcm)
 	pw_log_debug("Initialize %s on %s", plugin_name(pcm), source_name(pcm));
 	const int result = hs_plugin_init(source->interface, &pcm->info, &source->plugin->config->dict);
 	if (result < 0) {
-		pw_log_info("Plugin %s on %s could not be initialized, code: %d", plugin_name(pcm), source_name(pcm), result);
+		pw_log_info("Plugin %s on %s could not be initialized, code: %d", plugin_name(pcm), source_name(pcm),
+			    result);
 		hs_pcm_stop_stream(pcm);
 		return false;
 	}
@@ -316,7 +317,8 @@ bool hs_pcm_plugin_activate(hs_pcm *pcm)
 	pw_log_debug("Activate %s on %s", plugin_name(pcm), source_name(pcm));
 	const int result = hs_plugin_activate(source->interface);
 	if (result < 0 && result != -EOPNOTSUPP) {
-		pw_log_info("Plugin %s on %s could not be activated, code: %d", plugin_name(pcm), source_name(pcm), result);
+		pw_log_info("Plugin %s on %s could not be activated, code: %d", plugin_name(pcm), source_name(pcm),
+			    result);
 		hs_pcm_stop_stream(pcm);
 		return false;
 	}

@@ -59,8 +59,9 @@ void warn_if_shadowed(const hs_plugin *plugin)
 		const bool shadowed = regexec(&pattern, plugin->factory_name, 0, nullptr, 0) == 0;
 		regfree(&pattern);
 		if (shadowed) {
-			pw_log_warn("The plug-in of %s.conf can not be loaded: its name is taken for that of %s.conf. Rename one of them.",
-				    plugin->name, earlier->name);
+			pw_log_warn(
+				"The plug-in of %s.conf can not be loaded: its name is taken for that of %s.conf. Rename one of them.",
+				plugin->name, earlier->name);
 			return;
 		}
 	}
@@ -257,9 +258,10 @@ bool hs_plugin_load_spa_handle(hs_plugin *plugin, spa_handle **handle, hs_plugin
 
 	auto *plugin_interface = static_cast<hs_plugin_interface *>(found);
 	if (plugin_interface->version < HS_PLUGIN_INTERFACE_VERSION_MIN) {
-		pw_log_error("Can not load plugin '%s': Plugin interface version '%d' not supported. Minimum required version: %d",
-			     plugin_interface->name ? plugin_interface->name : "(null)",
-			     static_cast<int>(plugin_interface->version), HS_PLUGIN_INTERFACE_VERSION_MIN);
+		pw_log_error(
+			"Can not load plugin '%s': Plugin interface version '%d' not supported. Minimum required version: %d",
+			plugin_interface->name ? plugin_interface->name : "(null)",
+			static_cast<int>(plugin_interface->version), HS_PLUGIN_INTERFACE_VERSION_MIN);
 		return false;
 	}
 
@@ -380,8 +382,7 @@ std::string hs_plugin_get_event_nice_name(const hs_plugin *plugin, const char *e
 	return event ? text_or_empty(event->nice_name) : last_element(event_interface);
 }
 
-std::string hs_plugin_get_topic(const hs_plugin *plugin, const char *event_interface,
-				hs_plugin_topic_selector selector)
+std::string hs_plugin_get_topic(const hs_plugin *plugin, const char *event_interface, hs_plugin_topic_selector selector)
 {
 	const hs_event_info *event = find_event(plugin, event_interface);
 	const unsigned int index = selector / 3;

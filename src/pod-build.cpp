@@ -110,8 +110,8 @@ bool add_strings(spa_pod_builder *builder, char *const *strings, size_t n)
 	std::vector<char> children(n * width);
 	for (size_t i = 0; i < n; i++)
 		std::strcpy(&children[i * width], texts[i].get());
-	spa_pod_builder_array(builder, static_cast<uint32_t>(width), SPA_TYPE_String,
-			      static_cast<uint32_t>(n), children.data());
+	spa_pod_builder_array(builder, static_cast<uint32_t>(width), SPA_TYPE_String, static_cast<uint32_t>(n),
+			      children.data());
 	return true;
 }
 
@@ -146,8 +146,7 @@ bool add_value(spa_pod_builder *builder, const char *name, const char *value, co
 	const hs_schema_type *type = hs_schema_type_by_name(type_name);
 
 	if (!type || type->id == SPA_TYPE_Struct) {
-		pw_log_warn("Unsupported type '%s' (\"%s\"=\"%s\")", type_name, name ? name : "(null)",
-			    value);
+		pw_log_warn("Unsupported type '%s' (\"%s\"=\"%s\")", type_name, name ? name : "(null)", value);
 		return true;
 	}
 	if (type->id == SPA_TYPE_Array)
@@ -159,8 +158,7 @@ bool add_value(spa_pod_builder *builder, const char *name, const char *value, co
 
 } // namespace
 
-hs_malloc_ptr<spa_pod> hs_pod_build(const char *name, const char *value, const char *type,
-				    const char *complex_type)
+hs_malloc_ptr<spa_pod> hs_pod_build(const char *name, const char *value, const char *type, const char *complex_type)
 {
 	HS_ASSERT(value);
 

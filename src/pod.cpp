@@ -28,7 +28,7 @@ const hs_schema_type hs_schema_types[] = {
 namespace {
 
 /** Largest value that a description may have, in bytes. */
-constexpr uint32_t MAX_VALUE_SIZE = 0xfffff;
+constexpr uint32_t max_value_size = 0xfffff;
 
 /** Room for any number in decimal: 309 digits before the point, 6 behind it, sign and terminator. */
 using digits = char[320];
@@ -153,8 +153,7 @@ const char *title_of(const hs_pod &pod)
 class pod_walk
 {
 public:
-	explicit pod_walk(const spa_pod *parent)
-		: at{static_cast<const uint8_t *>(body_of(parent))}, left{parent->size}
+	explicit pod_walk(const spa_pod *parent) : at{static_cast<const uint8_t *>(body_of(parent))}, left{parent->size}
 	{
 	}
 
@@ -213,7 +212,7 @@ bool read_description(const spa_pod *pod, description *result)
 		at += step;
 		left -= step;
 	}
-	return result->value && result->value->size <= MAX_VALUE_SIZE;
+	return result->value && result->value->size <= max_value_size;
 }
 
 const char *array_signature(uint32_t element_type)
@@ -256,8 +255,7 @@ bool parse_array(hs_pod *pod, const spa_pod *value)
 	hs_text_writer json{pod->json, sizeof(pod->json)};
 	json.add("[ ");
 	for (uint32_t i = 0; signature && i < pod->n_elements && !json.full(); i++) {
-		const auto *element =
-			static_cast<const uint8_t *>(pod->elements) + size_t{i} * pod->element_size;
+		const auto *element = static_cast<const uint8_t *>(pod->elements) + size_t{i} * pod->element_size;
 		digits buffer;
 		const char *text = scalar_text(pod->element_type, element, pod->element_size, buffer);
 		if (!text) {
@@ -283,8 +281,7 @@ bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json
 {
 	const char *name = key ? text_of(key) : nullptr;
 	digits buffer;
-	const char *text =
-		name && value ? scalar_text(value->type, body_of(value), value->size, buffer) : nullptr;
+	const char *text = name && value ? scalar_text(value->type, body_of(value), value->size, buffer) : nullptr;
 	if (!text) {
 		pw_log_warn("Failed to parse simple type '%s' in %s.", "NULL", name ? name : "(null)");
 		return false;
@@ -316,8 +313,7 @@ bool parse_struct(hs_pod *pod, const spa_pod *params)
 		const spa_pod *key = walk.next();
 		const spa_pod *value = walk.next();
 		if (!parse_member(key, value, &json, &signature)) {
-			pw_log_warn("Could not parse struct POD type for %d.",
-				    static_cast<int>(params->type));
+			pw_log_warn("Could not parse struct POD type for %d.", static_cast<int>(params->type));
 			return false;
 		}
 		if (json.full())

@@ -80,8 +80,7 @@ const char *hs_pod_value_text(const hs_pod &pod);
  * from the text; `complex_type` is the signature of an array. A text that does not fit the type is warned
  * of and leaves the name alone in the Struct; null only where the POD outgrows an hs_pod_buffer.
  */
-hs_malloc_ptr<spa_pod> hs_pod_build(const char *name, const char *value, const char *type,
-				    const char *complex_type);
+hs_malloc_ptr<spa_pod> hs_pod_build(const char *name, const char *value, const char *type, const char *complex_type);
 
 /** Whether `value` is a text that an event or setting of this scalar type may have. */
 bool hs_pod_value_is_valid(const hs_schema_type &type, const char *value);

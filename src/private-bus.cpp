@@ -40,11 +40,13 @@ bool is_within_limits(hs_loop *loop, uid_t user)
 {
 	const hs_loop_bus_count count = hs_loop_count_buses(loop, user);
 	if (count.of_user >= HS_PRIVATE_BUSES_PER_USER) {
-		pw_log_warn("Refused a private bus to user %u: the user has %u, which is the limit", user, count.of_user);
+		pw_log_warn("Refused a private bus to user %u: the user has %u, which is the limit", user,
+			    count.of_user);
 		return false;
 	}
 	if (count.all >= HS_PRIVATE_BUSES) {
-		pw_log_warn("Refused a private bus to user %u: there are %u in all, which is the limit", user, count.all);
+		pw_log_warn("Refused a private bus to user %u: there are %u in all, which is the limit", user,
+			    count.all);
 		return false;
 	}
 	return true;
@@ -110,11 +112,16 @@ void setup_private_interfaces(hs_context *context, sd_bus *bus)
 		spa_list_for_each(source, &plugin->sources, link) {
 			const char *name = source->name.c_str();
 			if (!hs_dbus_setup_audio_chain_interface(source, bus))
-				pw_log_error("Could not set up D-Bus Audio Chain interface on private bus for source '%s'", name);
+				pw_log_error(
+					"Could not set up D-Bus Audio Chain interface on private bus for source '%s'",
+					name);
 			if (!hs_dbus_setup_source_interface(source, bus))
-				pw_log_error("Could not set up D-Bus Source interface on private bus for source '%s'", name);
+				pw_log_error("Could not set up D-Bus Source interface on private bus for source '%s'",
+					     name);
 			if (!hs_dbus_setup_plugin_instance_interface(source, bus))
-				pw_log_error("Could not set up D-Bus Plugin Instance interface on private bus for source '%s'", name);
+				pw_log_error(
+					"Could not set up D-Bus Plugin Instance interface on private bus for source '%s'",
+					name);
 			hs_dbus_add_private_events(source, bus);
 		}
 	}

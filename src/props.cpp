@@ -13,7 +13,7 @@
 namespace {
 
 /** An object text in a table is shorter than this. */
-constexpr size_t OBJECT_SIZE = 1024;
+constexpr size_t object_size = 1024;
 
 /**
  * Whether `text` is an object with that "title", or without one where `title` is null. It looks no further
@@ -28,7 +28,7 @@ bool is_titled(const char *text, const char *title)
 	if (spa_json_enter_object(&outer, &members) <= 0)
 		return false;
 
-	char key[OBJECT_SIZE];
+	char key[object_size];
 	while (spa_json_get_string(&members, key, sizeof(key)) > 0) {
 		const char *value;
 		const int length = spa_json_next(&members, &value);
@@ -37,10 +37,9 @@ bool is_titled(const char *text, const char *title)
 		if (!spa_streq(key, "title"))
 			continue;
 
-		char found[OBJECT_SIZE];
+		char found[object_size];
 		return title && !spa_json_is_container(value, length) &&
-		       spa_json_parse_stringn(value, length, found, sizeof(found)) > 0 &&
-		       spa_streq(found, title);
+		       spa_json_parse_stringn(value, length, found, sizeof(found)) > 0 && spa_streq(found, title);
 	}
 	return !title;
 }
@@ -55,8 +54,7 @@ const spa_dict_item *find_item(const pw_properties *table, const char *title)
 	const spa_dict_item *item = title ? spa_dict_lookup_item(&table->dict, title) : nullptr;
 	if (item && is_titled(item->value, title))
 		return item;
-	spa_dict_for_each(item, &table->dict)
-	{
+	spa_dict_for_each(item, &table->dict) {
 		if (is_titled(item->value, title))
 			return item;
 	}
@@ -64,7 +62,7 @@ const spa_dict_item *find_item(const pw_properties *table, const char *title)
 }
 
 /** Renders the item's object with another "value"; false where it does not fit. */
-bool render_with_value(const spa_dict_item *item, const char *value, char (&text)[OBJECT_SIZE])
+bool render_with_value(const spa_dict_item *item, const char *value, char (&text)[object_size])
 {
 	const hs_properties_ptr object{pw_properties_new_string(item->value)};
 	pw_properties_set(object.get(), "value", value);
@@ -74,7 +72,7 @@ bool render_with_value(const spa_dict_item *item, const char *value, char (&text
 bool set_value(pw_properties *table, const char *title, const char *value)
 {
 	const spa_dict_item *item = find_item(table, title);
-	char text[OBJECT_SIZE];
+	char text[object_size];
 	if (!item || !render_with_value(item, value, text))
 		return false;
 	pw_properties_set(table, item->key, text);
@@ -87,8 +85,7 @@ bool same_but_for_value(const pw_properties *a, const pw_properties *b)
 	if (a->dict.n_items != b->dict.n_items)
 		return false;
 	const spa_dict_item *item;
-	spa_dict_for_each(item, &a->dict)
-	{
+	spa_dict_for_each(item, &a->dict) {
 		if (!spa_streq(item->key, "value") && !spa_streq(item->value, pw_properties_get(b, item->key)))
 			return false;
 	}
@@ -108,8 +105,7 @@ int hs_props_to_json(const pw_properties *table, char *buffer, size_t size)
 	writer.add("{\n");
 
 	const spa_dict_item *item;
-	spa_dict_for_each(item, &table->dict)
-	{
+	spa_dict_for_each(item, &table->dict) {
 		writer.add("  \"");
 		writer.add(item->key);
 		if (item->value[0] == '{') {
@@ -144,7 +140,7 @@ void hs_props_add_object(pw_properties *table, std::initializer_list<hs_props_me
 	if (!entry || pw_properties_get(table, entry))
 		return;
 
-	char text[OBJECT_SIZE];
+	char text[object_size];
 	if (hs_props_to_json(object.get(), text, sizeof(text)) < 0) {
 		pw_log_warn("%s is left out, it is too long", entry);
 		return;
@@ -169,7 +165,7 @@ hs_properties_ptr hs_props_find(const pw_properties *table, const char *title)
 bool hs_props_value_survives(const pw_properties *table, const char *title, const char *value)
 {
 	const spa_dict_item *item = find_item(table, title);
-	char text[OBJECT_SIZE];
+	char text[object_size];
 	if (!item || !render_with_value(item, value, text))
 		return false;
 	const hs_properties_ptr before{pw_properties_new_string(item->value)};

@@ -91,7 +91,8 @@ void publish(hs_context *context, hs_source *source)
 	void *cursor = nullptr;
 	while (sd_bus *bus = hs_loop_bus_iterate(context->loop, &cursor)) {
 		if (!hs_dbus_setup_audio_chain_interface(source, bus))
-			pw_log_error("Could not set up D-Bus Audio Chain interface on private bus for source '%s'", name);
+			pw_log_error("Could not set up D-Bus Audio Chain interface on private bus for source '%s'",
+				     name);
 		if (!hs_dbus_setup_source_interface(source, bus))
 			pw_log_error("Could not set up D-Bus Source interface on private bus for source '%s'", name);
 	}

@@ -32,8 +32,7 @@ const spa_dict_item *find_audio_class(const spa_dict *props)
 	return nullptr;
 }
 
-void registry_event_global(void *data, uint32_t id, uint32_t, const char *type, uint32_t version,
-			   const spa_dict *props)
+void registry_event_global(void *data, uint32_t id, uint32_t, const char *type, uint32_t version, const spa_dict *props)
 {
 	auto *registry = static_cast<hs_registry *>(data);
 	if (!type)

@@ -65,7 +65,8 @@ void add_events(hs_source *source)
 	if (n_events < 1)
 		return;
 	if (n_events == HS_PLUGIN_MAX_DESCRIPTIONS)
-		pw_log_warn("Plug-in %s has %d events or more: those beyond are left out", source->plugin->name, n_events);
+		pw_log_warn("Plug-in %s has %d events or more: those beyond are left out", source->plugin->name,
+			    n_events);
 	source->events = pw_properties_new(nullptr, nullptr);
 	for (int i = 0; i < n_events; ++i)
 		add_event(source, static_cast<uint32_t>(i));

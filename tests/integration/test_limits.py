@@ -196,10 +196,15 @@ def test_huge_strings_and_arrays_are_answered_and_forgotten(bed, hearing):
 def test_flood_of_calls_is_answered_and_audio_goes_on(bed, hearing):
     plugin, daemon, client = hearing
     before = memory(daemon)
-    flood = bed.client()
-    serials = [flood.send("/", "org.freedesktop.DBus.Peer", "Ping") for _ in range(3000)]
-    assert_hears(bed, plugin, client, True)
-    flood.wait_reply(serials[-1])
+    flood = [bed.client() for _ in range(10)]
+    value = False
+    for _ in range(5):
+        # A bus has a limit of its own on calls that nobody has answered yet.
+        serials = [(peer, peer.send("/", "org.freedesktop.DBus.Peer", "Ping")) for _ in range(60) for peer in flood]
+        value = not value
+        assert_hears(bed, plugin, client, value)
+        for peer, serial in serials[-len(flood) :]:
+            peer.wait_reply(serial)
     assert memory(daemon) - before < 32 * 1024
 
 

@@ -3,7 +3,7 @@
 import re
 
 import pytest
-from bed.client import DENIED, ERROR, ROOT, SERVICE, CallFailed, interface_members
+from bed.client import DENIED, ROOT, SERVICE, CallFailed, interface_members
 from bed.stage import array_event, event, setting, struct_event
 
 CHAIN = f"{ROOT}/AudioDevice0Input0"
@@ -188,14 +188,6 @@ def test_constant_property_cannot_be_written(bed, scalars):
         client.set(plugin.path(), plugin.settings_interface, "Schema", "s", "x")
     with pytest.raises(CallFailed, match="PropertyReadOnly"):
         client.set(plugin.path(), plugin.event_interface("FlagEvent"), "FlagEvent", "b", False)
-
-
-def test_private_bus_cannot_be_created(bed, scalars):
-    _, daemon, client = scalars
-    with pytest.raises(CallFailed) as failure:
-        client.call("/", SERVICE, "GetPrivateBus", "s", ("me",))
-    assert (failure.value.name, failure.value.text) == (ERROR, "Cannot create private bus.")
-    assert daemon.alive
 
 
 def test_private_bus_without_its_argument_is_invalid(bed, scalars):
