@@ -9,8 +9,8 @@ usage()
 	cat <<-END
 	Usage: ./demo.sh [SOUND-FILE | --mic | --help]
 
-	Builds hear-sense and shows what it makes of a sound: a virtual microphone feeds the daemon,
-	and each D-Bus signal that it sends is printed.
+	Builds hear-sense and shows what it makes of a sound: a virtual microphone feeds the daemon, a setting is
+	changed, and each D-Bus signal that comes is printed, on the system bus and on a private one.
 
 	  (nothing)     plays a sound of its own: quiet, then loud, then quiet
 	  SOUND-FILE    plays this file (WAV, FLAC, Ogg)
@@ -218,7 +218,9 @@ start_daemon()
 	mkdir -p "$work"/hear-sense/{metrics,plugin-confs,plugin-settings}
 	namespace+=(--bind "$work/hear-sense" /etc/hear-sense
 		--ro-bind "$stage/usr/share/hear-sense" /usr/share/hear-sense)
-	[[ ! -e $stage/etc/vetto2 ]] || namespace+=(--ro-bind "$stage/etc/vetto2" /etc/vetto2)
+	mkdir -p "$work/vetto2/rights.d"
+	printf 'users = { "%s" = * }\n' "$(id -un)" >"$work/vetto2/rights.d/demo.conf"
+	namespace+=(--ro-bind "$work/vetto2" /etc/vetto2)
 
 	if "${namespace[@]}" true >"$logs/namespace.log" 2>&1; then
 		:
@@ -282,7 +284,7 @@ own)
 	sound=$work/sound.wav
 	/usr/bin/python3 tools/demo/make-sound.py "$sound"
 	step 'Playing a chord: 3 s quiet, 1 s rising, 3 s loud, 1 s falling, 4 s quiet'
-	listen --own-sound -- pw-play --target demo.feed "$sound"
+	listen --own-sound --threshold -25 -- pw-play --target demo.feed "$sound"
 	;;
 file)
 	step "Playing $sound"

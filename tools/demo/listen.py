@@ -13,11 +13,14 @@ import subprocess
 import sys
 import time
 
-from jeepney import HeaderFields, MatchRule, MessageType, message_bus
+from jeepney import DBusAddress, HeaderFields, MatchRule, MessageType, Properties, message_bus, new_method_call
 from jeepney.io.blocking import Proxy, open_dbus_connection
+
+from private import OBJECTS, PrivateClient
 
 SERVICE = "com.orvel.HearSense"
 EVENTS = SERVICE + ".Events."
+SETTINGS = SERVICE + ".Settings.Loudness"
 PROPERTIES = "org.freedesktop.DBus.Properties"
 
 BAR_WIDTH = 30
@@ -26,6 +29,10 @@ BAR_FLOOR = -60.0
 # How long after the sound to listen on: for the last of it, and for an alarm that is still up.
 SETTLE_SECONDS = 1.0
 ALARM_SECONDS = 12.0
+
+# A private client hears the level ten times a second; people are shown one a second.
+LEVEL = "Level"
+LEVEL_SECONDS = 1.0
 
 # How much the own sound's signals have to rise and fall, in LU; the sound itself moves by 32.
 EXPECTED_SWING = 15.0
@@ -79,6 +86,10 @@ class Heard:
                   f"quietest {quietest[0]:.1f} LUFS at {quietest[1]:.1f} s, "
                   f"loudest {loudest[0]:.1f} LUFS at {loudest[1]:.1f} s, "
                   f"highest peak {max(value['Peak'] for _, value in loudness):.1f} dBFS")
+        levels = [value for _, value in self.of(LEVEL)]
+        if levels:
+            print(f"  Level          {len(levels)} times on the private bus: "
+                  f"from {min(levels):.1f} to {max(levels):.1f} dBFS")
         changes = [f"{'raised' if value['Detected'] else 'cleared'} at {at:.1f} s"
                    for at, value in self.of("LoudnessAlarm")]
         print(f"  LoudnessAlarm  {', '.join(changes) if changes else 'never raised'}")
@@ -91,6 +102,8 @@ class Heard:
             missing.append("the loudness did not rise with the sound")
         if not levels or max(levels) - levels[-1] < EXPECTED_SWING:
             missing.append("the loudness did not fall with the sound")
+        if len(self.of(LEVEL)) < 10:
+            missing.append("the private client heard nothing")
         if [value["Detected"] for _, value in self.of("LoudnessAlarm")] != [True, False]:
             missing.append("the alarm was not raised and cleared once")
         return missing
@@ -111,13 +124,42 @@ def event_values(message):
             if interface.startswith(EVENTS) and interface.rpartition(".")[2] == title]
 
 
-def listen(connection, heard, player, start):
+def set_threshold(connection, threshold):
+    """Changes the setting on every microphone, and shows what the daemon says to it."""
+    root = DBusAddress("/", SERVICE, OBJECTS)
+    objects = connection.send_and_get_reply(new_method_call(root, "GetManagedObjects")).body[0]
+    for path, interfaces in objects.items():
+        if SETTINGS not in interfaces:
+            continue
+        before = interfaces[SETTINGS]["Threshold"][1]
+        address = DBusAddress(path, SERVICE, SETTINGS)
+        reply = connection.send_and_get_reply(Properties(address).set("Threshold", "d", threshold))
+        if reply.header.message_type is MessageType.error:
+            print(f"    the daemon refused to change Threshold: {reply.body[0]}")
+        else:
+            print(f"    Threshold on {path.split('/')[4]} set from {before:g} to {threshold:g} LUFS", flush=True)
+
+
+def show_level(heard, private, start, shown):
+    """Takes what the private client has heard; returns when a level was last shown."""
+    now = time.monotonic()
+    for level in private.values():
+        heard.signals.append((now - start, LEVEL, level))
+        if now - shown >= LEVEL_SECONDS:
+            print(f"{now - start:6.2f} s  {LEVEL:14} {level:6.1f} dBFS  (on the private bus)", flush=True)
+            shown = now
+    return shown
+
+
+def listen(connection, private, heard, player, start):
     ended = None
+    shown = start
     while True:
         try:
             values = event_values(connection.receive(timeout=0.1))
         except TimeoutError:
             values = []
+        shown = show_level(heard, private, start, shown)
         now = time.monotonic()
         for title, value in values:
             heard.signals.append((now - start, title, value))
@@ -136,6 +178,7 @@ def main():
     options = argparse.ArgumentParser(description=__doc__)
     options.add_argument("--own-sound", action="store_true",
                          help="fail unless a rise, a fall and one alarm were heard")
+    options.add_argument("--threshold", type=float, help="sets the alarm's threshold first, in LUFS")
     options.add_argument("player", nargs="*", help="the command that plays the sound")
     args = options.parse_args()
 
@@ -144,11 +187,15 @@ def main():
 
     heard = Heard()
     with open_dbus_connection("SYSTEM") as connection:
+        if args.threshold is not None:
+            set_threshold(connection, args.threshold)
+        private = PrivateClient(LEVEL)
+        print(f"    a private client listens to {LEVEL} on {private.n_enabled} microphone(s)\n", flush=True)
         subscribe(connection)
         start = time.monotonic()
         player = subprocess.Popen(args.player) if args.player else None
         try:
-            listen(connection, heard, player, start)
+            listen(connection, private, heard, player, start)
             interrupted = False
         except KeyboardInterrupt:
             interrupted = True
