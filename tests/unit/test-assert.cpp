@@ -1,5 +1,7 @@
 /* An assertion of ours stays in builds that have none of C's. */
+#ifndef NDEBUG
 #define NDEBUG
+#endif
 #include "assert.hpp"
 
 #include <string>
