@@ -11,6 +11,7 @@
 #include "context.hpp"
 #include "log.hpp"
 #include "owned.hpp"
+#include "utf8.hpp"
 
 namespace {
 
@@ -38,8 +39,9 @@ bool check_rights(const char *user, const char *key, const char *property, sd_bu
 		return true;
 
 	const char *shown = user ? user : "(null)";
-	sd_bus_error_setf(error, SD_BUS_ERROR_ACCESS_DENIED, "%s: [caller: %s property: %s]", result.message, shown,
-			  property);
+	/* A text that the bus does not take would leave the caller without an answer. */
+	sd_bus_error_setf(error, SD_BUS_ERROR_ACCESS_DENIED, "%s: [caller: %s property: %s]",
+			  hs_utf8_repair(result.message).c_str(), hs_utf8_repair(shown).c_str(), property);
 	if (result.code == VETTO2_NOT_AUTHORIZED)
 		pw_log_error("Vetto: %s is not authorized for %s", shown, property);
 	else

@@ -19,6 +19,9 @@ constexpr char preview_flag[] = "hear_sense_preview";
 
 int feature_flag_dbus_callback(sd_bus_message *message, void *data, sd_bus_error *)
 {
+	/* The bus checks the sender of what it hands to everyone; what is addressed to us may come from anyone. */
+	if (sd_bus_message_get_destination(message))
+		return 1;
 	int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "s");
 	if (r < 0) {
 		pw_log_error("Failed to read message: %s", std::strerror(-r));

@@ -76,6 +76,9 @@ constexpr timespec far_future = {0x7fffffff, 999999999};
 /* sd-bus itself would keep hundreds of thousands, for ever. */
 constexpr uint64_t max_queued_messages = 1024;
 
+/* Answers can be large: with so many unread, a client gets no more of them until it has caught up. */
+constexpr uint64_t max_queued_answers = 64;
+
 pw_loop *loop_of(const hs_loop *loop)
 {
 	return pw_main_loop_get_loop(loop->main_loop);
@@ -229,11 +232,19 @@ void update_mask(bus_event_data *data, int events)
 	SPA_FLAG_UPDATE(data->mask, static_cast<uint32_t>(SPA_IO_OUT), (events & POLLOUT) != 0);
 }
 
-/** Whether so much waits for the client that it can not be reading any more. */
-bool is_stalled(const bus_event_data *data)
+/** How many messages wait for the client of a private bus to read them. */
+uint64_t count_queued(const bus_event_data *data)
 {
 	uint64_t n_queued = 0;
-	if (data->is_main || sd_bus_get_n_queued_write(data->bus, &n_queued) < 0 || n_queued <= max_queued_messages)
+	if (data->is_main || sd_bus_get_n_queued_write(data->bus, &n_queued) < 0)
+		return 0;
+	return n_queued;
+}
+
+/** Whether so much waits for the client that it can not be reading any more. */
+bool is_stalled(const bus_event_data *data, uint64_t n_queued)
+{
+	if (n_queued <= max_queued_messages)
 		return false;
 	pw_log_warn("Closing private bus %p of user %u: its client has left %" PRIu64 " messages unread",
 		    static_cast<void *>(data->bus), data->user, n_queued);
@@ -245,6 +256,8 @@ bus_wait ask_bus(bus_event_data *data)
 	constexpr uint64_t usec_per_sec = 1000000;
 	constexpr uint64_t nsec_per_usec = 1000;
 
+	if (data->state != BUS_STATE_PROCESS)
+		return give_up(data, static_cast<bus_state>(data->state));
 	const int events = sd_bus_get_events(data->bus);
 	if (events == -ENOTCONN) {
 		pw_log_debug("Client closed the bus %p: %s", static_cast<void *>(data->bus), std::strerror(ENOTCONN));
@@ -255,9 +268,14 @@ bus_wait ask_bus(bus_event_data *data)
 			    std::strerror(-events));
 		return give_up(data, BUS_STATE_QUIT);
 	}
-	if (is_stalled(data))
+	const uint64_t n_queued = count_queued(data);
+	if (is_stalled(data, n_queued))
 		return give_up(data, BUS_STATE_DESTROY);
 	update_mask(data, events);
+	if (n_queued > max_queued_answers) {
+		SPA_FLAG_CLEAR(data->mask, static_cast<uint32_t>(SPA_IO_IN));
+		return {far_future, false};
+	}
 
 	uint64_t usec = 0;
 	const int r = sd_bus_get_timeout(data->bus, &usec);

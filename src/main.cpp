@@ -11,6 +11,7 @@
 #include <systemd/sd-bus.h>
 
 #include <getopt.h>
+#include <sys/resource.h>
 
 #include <vetto2.h>
 
@@ -76,6 +77,16 @@ command parse_command_line(int argc, char *argv[], const char **config_path)
 		}
 	}
 	return command::run;
+}
+
+/* Each private bus takes four descriptors, and no code of ours uses select(). */
+void raise_descriptor_limit()
+{
+	rlimit limit{};
+	if (getrlimit(RLIMIT_NOFILE, &limit) < 0)
+		return;
+	limit.rlim_cur = limit.rlim_max;
+	setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 /** Returns a negative errno, or 0 or more with the bus open. */
@@ -229,6 +240,7 @@ int main(int argc, char *argv[])
 		break;
 	}
 
+	raise_descriptor_limit();
 	hs_metrics_init(metrics_dir);
 	daemon_parts parts{};
 	parts.loop = hs_loop_new();

@@ -138,13 +138,17 @@ def test_malformed_announcement_is_logged_and_ignored(own_bed, serve):
     assert daemon.alive
 
 
-def test_announcement_of_somebody_else_is_ignored(own_bed, serve):
+@pytest.mark.parametrize("addressed", [False, True])
+def test_announcement_of_somebody_else_is_ignored(own_bed, serve, addressed):
     service = serve("a{sb}", ({},))
     daemon, client = own_bed.start()
     impostor = open_dbus_connection(own_bed.bus.address)
-    impostor.send(
-        new_signal(DBusAddress(FLAG_PATH, interface=FLAG_SERVICE), "FeaturesSet", "as", (["hear_sense_preview"],))
+    announcement = new_signal(
+        DBusAddress(FLAG_PATH, interface=FLAG_SERVICE), "FeaturesSet", "as", (["hear_sense_preview"],)
     )
+    if addressed:
+        announcement.header.fields[HeaderFields.destination] = SERVICE
+    impostor.send(announcement)
     impostor.close()
     service.announce(["other"])
     assert client.has_owner(SERVICE)

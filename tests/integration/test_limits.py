@@ -143,15 +143,15 @@ def test_peer_that_never_authenticates_is_dropped_by_the_bus_library(bed, main):
     assert client.managed_objects() == {}
 
 
-def test_sixty_clients_with_half_a_message_each_stop_nobody(bed, hearing, main):
+def test_clients_with_half_a_message_each_stop_nobody(bed, hearing, main):
     plugin, daemon, client = hearing
     before = memory(daemon)
     halves = []
     for _ in range(60):
         sock = take_descriptor(main)
         authenticate(sock)
-        # A header that promises 64 MiB of body, and then nothing.
-        sock.sendall(struct.pack("<cBBBIII", b"l", 1, 0, 1, 64 * 1024 * 1024, 1, 0)[:12])
+        # A header that promises 64 MiB of body, a little of that, and then nothing.
+        sock.sendall(struct.pack("<cBBBIII", b"l", 1, 0, 1, 64 * 1024 * 1024, 1, 0) + b"x" * 4096)
         halves.append(sock)
     assert_hears(bed, plugin, client, True)
     private = connect(bed, main)
@@ -215,4 +215,19 @@ def test_private_client_that_floods_is_answered(bed, hearing, main):
         serials = [private.send("/", "org.freedesktop.DBus.Peer", "Ping") for _ in range(200)]
         private.wait_reply(serials[-1])
     assert_hears(bed, plugin, client, True)
+    assert daemon.log_count("messages unread") == 0
+
+
+def test_client_that_asks_and_never_reads_gets_no_more_answers(bed, hearing, main):
+    plugin, daemon, client = hearing
+    private = connect(bed, main)
+    before = memory(daemon)
+    private.socket.settimeout(1)
+    try:
+        for _ in range(3000):
+            private.send("/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects")
+    except OSError:
+        pass
+    assert_hears(bed, plugin, client, True)
+    assert memory(daemon) - before < 16 * 1024
     assert daemon.log_count("messages unread") == 0
