@@ -26,8 +26,7 @@ char *__wrap_strdup(const char *text)
 }
 }
 
-namespace
-{
+namespace {
 
 using texts = std::map<std::string, std::string>;
 
@@ -35,7 +34,8 @@ texts texts_of(const pw_properties *table)
 {
 	texts result;
 	const spa_dict_item *item;
-	spa_dict_for_each(item, &table->dict) result[item->key] = item->value;
+	spa_dict_for_each(item, &table->dict)
+		result[item->key] = item->value;
 	return result;
 }
 
@@ -46,8 +46,7 @@ hs_plugin *load(hs_daemon_bed &bed, const std::string &path)
 
 /** A handle and its interface, taken back at the end. */
 struct loaded {
-	explicit loaded(hs_plugin *plugin)
-	    : ok{hs_plugin_load_spa_handle(plugin, &handle, &interface)}
+	explicit loaded(hs_plugin *plugin) : ok{hs_plugin_load_spa_handle(plugin, &handle, &interface)}
 	{
 	}
 
@@ -84,17 +83,16 @@ struct PluginTexts : testing::Test {
 
 	std::string topic(const char *interface, int selector) const
 	{
-		return hs_plugin_get_topic(&plugin, interface,
-		                           static_cast<hs_plugin_topic_selector>(selector));
+		return hs_plugin_get_topic(&plugin, interface, static_cast<hs_plugin_topic_selector>(selector));
 	}
 
 	hs_plugin plugin{};
 	hs_source source{};
 	hs_handmade_plugin handmade;
 	hs_event_topic topics[3] = {
-	        {.name = "n0", .nice_name = "Nice 0", .namespace_ = "space0"},
-	        {.name = "n1", .nice_name = "Nice 1", .namespace_ = "space1"},
-	        {.name = "n2", .nice_name = "Nice 2", .namespace_ = "space2"},
+		{.name = "n0", .nice_name = "Nice 0", .namespace_ = "space0"},
+		{.name = "n1", .nice_name = "Nice 1", .namespace_ = "space1"},
+		{.name = "n2", .nice_name = "Nice 2", .namespace_ = "space2"},
 	};
 	const hs_event_topic *second_topics[2] = {&topics[0], &topics[1]};
 	hs_event_info first{};
@@ -176,7 +174,7 @@ TEST(PluginDeathTest, NullArgumentsAbort)
 	const std::string path = bed.write_conf("motion");
 	const char *conf = path.c_str();
 	EXPECT_DEATH(hs_plugin_new(nullptr, conf, "s", "t"),
-	             "'context' failed at .*plugin.cpp:[0-9]+ hs_plugin_new\\(\\)");
+		     "'context' failed at .*plugin.cpp:[0-9]+ hs_plugin_new\\(\\)");
 	EXPECT_DEATH(hs_plugin_new(bed.context, nullptr, "s", "t"), "'config_file' failed at ");
 	EXPECT_DEATH(hs_plugin_new(bed.context, conf, nullptr, "t"), "'schema_path' failed at ");
 	EXPECT_DEATH(hs_plugin_new(bed.context, conf, "s", nullptr), "'settings_path' failed at ");
@@ -195,12 +193,11 @@ TEST(PluginDeathTest, NoMemoryAborts)
 		hs_fail_call("new", 1, ENOMEM);
 		const loaded unused(plugin);
 	};
-	EXPECT_DEATH(load_without_memory("new"),
-	             "'plugin' failed at .*plugin.cpp:[0-9]+ hs_plugin_new\\(\\)");
+	EXPECT_DEATH(load_without_memory("new"), "'plugin' failed at .*plugin.cpp:[0-9]+ hs_plugin_new\\(\\)");
 	EXPECT_DEATH(load_without_memory("strdup"),
-	             "'short_name_uc' failed at .*plugin.cpp:[0-9]+ load_spa_plugin\\(\\)");
+		     "'short_name_uc' failed at .*plugin.cpp:[0-9]+ load_spa_plugin\\(\\)");
 	EXPECT_DEATH(load_handle_without_memory(),
-	             "'data' failed at .*plugin.cpp:[0-9]+ hs_plugin_load_spa_handle\\(\\)");
+		     "'data' failed at .*plugin.cpp:[0-9]+ hs_plugin_load_spa_handle\\(\\)");
 }
 
 TEST(Plugin, FileThatCanNotBeReadGivesNoRecord)
@@ -210,7 +207,7 @@ TEST(Plugin, FileThatCanNotBeReadGivesNoRecord)
 	const hs_log_capture capture;
 	EXPECT_EQ(load(bed, path), nullptr);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not load plugin config file: " + path), 1u)
-	        << capture.text();
+		<< capture.text();
 	EXPECT_TRUE(spa_list_is_empty(&bed.context->plugins));
 }
 
@@ -229,8 +226,8 @@ TEST(Plugin, ConfigIsThePluginsOwnPartAndThePreviewFlag)
 {
 	hs_daemon_bed bed;
 	bed.context->preview_enabled = true;
-	texts config = texts_of(
-	        bed.add_plugin("motion", "plugin.info = { a = 1 }", "depth = 3 preview = maybe")->config);
+	texts config =
+		texts_of(bed.add_plugin("motion", "plugin.info = { a = 1 }", "depth = 3 preview = maybe")->config);
 	config.erase(HS_LIBRARY_HOST_KEY);
 	EXPECT_EQ(config, (texts{{"depth", "3"}, {"preview", "true"}}));
 }
@@ -266,8 +263,7 @@ TEST(Plugin, LibraryThatCanNotBeAddedIsAnErrorButTheRecordStays)
 	const hs_log_capture capture;
 	const hs_plugin *plugin = bed.add_plugin("a(b");
 	ASSERT_NE(plugin, nullptr);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not add spa lib 'libspa-hs-a(b': "), 1u)
-	        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not add spa lib 'libspa-hs-a(b': "), 1u) << capture.text();
 	EXPECT_EQ(spa_list_first(&bed.context->plugins, hs_plugin, link), plugin);
 }
 
@@ -345,11 +341,10 @@ TEST(Plugin, MissingLibraryIsAnErrorWithTheFactorysName)
 	EXPECT_FALSE(absent.ok);
 	EXPECT_EQ(absent.handle, nullptr);
 	EXPECT_EQ(absent.interface, nullptr);
-	EXPECT_EQ(
-	        capture.count(SPA_LOG_LEVEL_ERROR,
-	                      "Could not load spa handle for 'hear-sense.absent': No such file or directory"),
-	        1u)
-	        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR,
+				"Could not load spa handle for 'hear-sense.absent': No such file or directory"),
+		  1u)
+		<< capture.text();
 }
 
 TEST(Plugin, HandleWhoseInitFailsIsAnError)
@@ -359,9 +354,8 @@ TEST(Plugin, HandleWhoseInitFailsIsAnError)
 	bed.host.init_result = -EIO;
 	const hs_log_capture capture;
 	EXPECT_FALSE(loaded(plugin).ok);
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not load spa handle for 'hear-sense.motion': "),
-	          1u)
-	        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not load spa handle for 'hear-sense.motion': "), 1u)
+		<< capture.text();
 	EXPECT_TRUE(bed.host.types.empty());
 }
 
@@ -375,9 +369,9 @@ TEST(Plugin, HandleWithoutTheInterfaceIsUnloaded)
 	EXPECT_FALSE(motion.ok);
 	EXPECT_EQ(motion.handle, nullptr);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR,
-	                        "Plugin interface 'Spa:Pointer:Interface:HearSense:MOTION' not found: "),
-	          1u)
-	        << capture.text();
+				"Plugin interface 'Spa:Pointer:Interface:HearSense:MOTION' not found: "),
+		  1u)
+		<< capture.text();
 	EXPECT_EQ(bed.host.n_cleared, 1u);
 }
 
@@ -402,11 +396,11 @@ TEST(Plugin, InterfaceOfVersion1IsRefusedAndItsHandleUnloaded)
 		EXPECT_EQ(motion.handle, nullptr);
 		EXPECT_EQ(motion.interface, nullptr);
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR,
-		                        "Can not load plugin 'Motion Detector': Plugin interface version '" +
-		                                std::to_string(version) +
-		                                "' not supported. Minimum required version: 2"),
-		          1u)
-		        << capture.text();
+					"Can not load plugin 'Motion Detector': Plugin interface version '" +
+						std::to_string(version) +
+						"' not supported. Minimum required version: 2"),
+			  1u)
+			<< capture.text();
 		EXPECT_EQ(bed.host.n_cleared, 1u);
 		EXPECT_EQ(bed.host.plugins.back()->interface.host_data, nullptr);
 	}
@@ -557,9 +551,22 @@ TEST(Plugin, InfoIsTheObjectOfTheConfiguration)
 {
 	hs_daemon_bed bed;
 	const hs_properties_ptr info =
-	        hs_plugin_get_info(bed.add_plugin("motion", "plugin.info = { a = 1, b = { c = 2 } }"));
+		hs_plugin_get_info(bed.add_plugin("motion", "plugin.info = { a = 1, b = { c = 2 } }"));
 	EXPECT_EQ(texts_of(info.get()), (texts{{"a", "1"}, {"b", "{ c = 2 }"}}));
 	EXPECT_TRUE(texts_of(hs_plugin_get_info(bed.add_plugin("sound")).get()).empty());
+}
+
+TEST(Plugin, ConfigurationThatIsNoObjectIsBorne)
+{
+	hs_daemon_bed bed;
+	for (const char *text :
+	     {"nonsense", "\"\"", "[ a b ]", "[ [ ] { ] }", "{ a", "\"{ a = \\\"\"", "1.5", "null"}) {
+		const std::string path = bed.directory / "sound.conf";
+		hs_write_text(path, "plugin.info = " + std::string{text});
+		EXPECT_NE(hs_plugin_get_info(load(bed, path)), nullptr) << text;
+		hs_write_text(path, "plugin.config = " + std::string{text});
+		EXPECT_EQ(texts_of(load(bed, path)->config).at("preview"), "false") << text;
+	}
 }
 
 TEST(PluginMethods, AreCalledWithThePluginsData)
@@ -585,7 +592,7 @@ TEST(PluginMethods, AreCalledWithThePluginsData)
 	hs_plugin_deinit(interface);
 	EXPECT_EQ(plugin.heard, &buffer);
 	const std::vector<std::string> expected = {"init",    "activate",   "get_settings", "set_settings",
-	                                           "process", "deactivate", "deinit"};
+						   "process", "deactivate", "deinit"};
 	EXPECT_EQ(plugin.calls, expected);
 }
 
@@ -661,26 +668,25 @@ TEST(PluginMethods, DescriptionThatOutgrowsItsBufferIsNull)
 {
 	hs_handmade_plugin plugin;
 	plugin.events = {
-	        hs_describe_string("Long", std::string(5000, 'x')),
-	        [](spa_pod_builder *builder) {
-		        /* Claims more than there is. */
-		        auto *pod = static_cast<spa_pod *>(builder->data);
-		        *pod = {builder->size - 7, SPA_TYPE_Object};
-		        return pod;
-	        },
-	        [](spa_pod_builder *builder) {
-		        auto *pod = static_cast<spa_pod *>(builder->data);
-		        *pod = {UINT32_MAX, SPA_TYPE_Object};
-		        return pod;
-	        },
-	        [](spa_pod_builder *builder) {
-		        /* Begins where even its header does not fit any more. */
-		        return reinterpret_cast<spa_pod *>(static_cast<uint8_t *>(builder->data) +
-		                                           builder->size - 4);
-	        },
-	        [](spa_pod_builder *builder) {
-		        return reinterpret_cast<spa_pod *>(static_cast<uint8_t *>(builder->data) + 1);
-	        },
+		hs_describe_string("Long", std::string(5000, 'x')),
+		[](spa_pod_builder *builder) {
+			/* Claims more than there is. */
+			auto *pod = static_cast<spa_pod *>(builder->data);
+			*pod = {builder->size - 7, SPA_TYPE_Object};
+			return pod;
+		},
+		[](spa_pod_builder *builder) {
+			auto *pod = static_cast<spa_pod *>(builder->data);
+			*pod = {UINT32_MAX, SPA_TYPE_Object};
+			return pod;
+		},
+		[](spa_pod_builder *builder) {
+			/* Begins where even its header does not fit any more. */
+			return reinterpret_cast<spa_pod *>(static_cast<uint8_t *>(builder->data) + builder->size - 4);
+		},
+		[](spa_pod_builder *builder) {
+			return reinterpret_cast<spa_pod *>(static_cast<uint8_t *>(builder->data) + 1);
+		},
 	};
 	hs_pod_buffer buffer;
 	for (uint32_t i = 0; i < plugin.events.size(); ++i)
@@ -842,16 +848,15 @@ TEST_F(PluginTexts, FlagsAreThoseOfTheEvent)
 TEST_F(PluginTexts, DataTypesAreTheEventsTwoBits)
 {
 	const char *const expected[] = {
-	        "{\"Stats\": \"false\", \"Event\": \"false\"}",
-	        "{\"Stats\": \"true\", \"Event\": \"false\"}",
-	        "{\"Stats\": \"false\", \"Event\": \"true\"}",
-	        "{\"Stats\": \"true\", \"Event\": \"true\"}",
+		"{\"Stats\": \"false\", \"Event\": \"false\"}",
+		"{\"Stats\": \"true\", \"Event\": \"false\"}",
+		"{\"Stats\": \"false\", \"Event\": \"true\"}",
+		"{\"Stats\": \"true\", \"Event\": \"true\"}",
 	};
 	for (uint32_t bits = 0; bits < 4; ++bits) {
 		first.data_types = bits | 0x10;
 		const hs_properties_ptr data_types = hs_plugin_get_event_data_types(&plugin, level);
-		EXPECT_EQ(texts_of(data_types.get()),
-		          (texts{{"complexType", "(bb)"}, {"value", expected[bits]}}));
+		EXPECT_EQ(texts_of(data_types.get()), (texts{{"complexType", "(bb)"}, {"value", expected[bits]}}));
 	}
 	EXPECT_EQ(hs_plugin_get_event_data_types(&plugin, unknown), nullptr);
 }

@@ -311,7 +311,7 @@ TEST_F(PwSource, PluginThatListsItsNodesRunsOnThoseOnly)
 	add_named(1, unprocessed);
 	add_named(2, "AudioDevice1Input0.Unprocessed");
 	add_named(3, "mic");
-	EXPECT_EQ(names_of(motion), (texts{"AudioDevice1Input0.Unprocessed", "mic"}));
+	ASSERT_EQ(names_of(motion), (texts{"AudioDevice1Input0.Unprocessed", "mic"}));
 	EXPECT_STREQ(pw_properties_get(sources_of(motion)[0]->stream_config, "rate"), "8000");
 	EXPECT_STREQ(pw_properties_get(sources_of(motion)[1]->stream_config, "rate"), "16000");
 }
@@ -332,7 +332,7 @@ TEST_F(PwSource, ListedNodeWithoutANameNeitherSelectsNorSuppresses)
 	motion = bed.add_plugin("motion", "source.0 = { audio.rate = 8000 }");
 	add_named(1, unprocessed);
 	add_named(2, "mic");
-	EXPECT_EQ(names_of(motion), texts{unprocessed});
+	ASSERT_EQ(names_of(motion), texts{unprocessed});
 	EXPECT_EQ(sources_of(motion)[0]->stream_config, nullptr);
 }
 

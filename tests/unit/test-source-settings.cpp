@@ -32,7 +32,7 @@ items items_of(const pw_properties *table)
 	return result;
 }
 
-/** A plug-in with a whole number "Gain", a switch "Low Cut" and a text "Name". */
+/** A plug-in with a whole number "Gain", a switch "LowCut" and a text "Name". */
 struct Settings : testing::Test {
 	Settings()
 	{
