@@ -530,3 +530,15 @@ TEST_F(SettingsWrite, ADirectoryThatDoesNotExistIsWarnedOf)
 	EXPECT_TRUE(log.contains(SPA_LOG_LEVEL_WARN, "Failed to open tmp file " + nowhere + ".tmp: "))
 		<< log.text();
 }
+
+TEST(Settings, ValueThatReadsBackAsItselfSurvivesTheFile)
+{
+	for (const char *value : {"", "attic", "a \"quoted\" word", "back\\slash", "5", "1.50", "true", "[ 1, 2 ]", "a, b"})
+		EXPECT_TRUE(hs_settings_value_survives(value)) << value;
+}
+
+TEST(Settings, ValueThatTheFileWouldReadAsSomethingElseDoesNotSurvive)
+{
+	for (const char *value : {"null", "{", "[", "{ a = b", "[ 1, 2"})
+		EXPECT_FALSE(hs_settings_value_survives(value)) << value;
+}

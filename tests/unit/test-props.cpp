@@ -320,3 +320,22 @@ TEST(PropsSetValue, ATableThatIsNullIsAnError)
 	EXPECT_TRUE(log.contains(SPA_LOG_LEVEL_ERROR, "Failed to set value 1 for props title Gain"))
 		<< log.text();
 }
+
+TEST(Props, PlainValueSurvivesInAnEntry)
+{
+	const hs_properties_ptr table{pw_properties_new(nullptr, nullptr)};
+	hs_props_add_object(table.get(), {{"name", "room"}, {"title", "Room"}, {"value", "hall"}, {"defaultValue", "hall"}});
+	for (const char *value : {"", "attic", "a \"quoted\" word", "back\\slash", "two\nlines", "5", "null", "[ 1"})
+		EXPECT_TRUE(hs_props_value_survives(table.get(), "Room", value)) << value;
+	EXPECT_STREQ(pw_properties_get(hs_props_find(table.get(), "Room").get(), "value"), "hall");
+}
+
+TEST(Props, ValueThatChangesTheEntryDoesNotSurvive)
+{
+	const hs_properties_ptr table{pw_properties_new(nullptr, nullptr)};
+	hs_props_add_object(table.get(), {{"name", "room"}, {"title", "Room"}, {"value", "hall"}, {"defaultValue", "hall"}});
+	EXPECT_FALSE(hs_props_value_survives(table.get(), "Room", "{ a = b"));
+	EXPECT_FALSE(hs_props_value_survives(table.get(), "Room", std::string(1024, 'x').c_str()));
+	EXPECT_FALSE(hs_props_value_survives(table.get(), "Attic", "hall"));
+	EXPECT_FALSE(hs_props_value_survives(nullptr, "Room", "hall"));
+}
