@@ -149,6 +149,7 @@ else
 		-D{c,cpp}_args='-fno-sanitize-recover=all -fno-omit-frame-pointer'
 	export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1
 	export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+	export HS_TEST_TIMEOUT_SCALE=3
 	PATH=$PATH:/usr/lib/llvm-14/bin
 	timed 'Unit tests, sanitized' unit_tests build-test-clang
 	timed 'Integration tests, sanitized' integration_tests build-test-clang integration -n 4 tests/integration

@@ -58,10 +58,20 @@ def refused(main):
     assert (failure.value.name, failure.value.text) == (ERROR, "Cannot create private bus.")
 
 
+def status_kb(daemon, field):
+    with open(f"/proc/{daemon.pid}/status", encoding="ascii") as status:
+        return int(next(line.split()[1] for line in status if line.startswith(field)))
+
+
 def memory(daemon):
     """Resident kilobytes."""
-    with open(f"/proc/{daemon.pid}/status", encoding="ascii") as status:
-        return int(next(line.split()[1] for line in status if line.startswith("VmRSS")))
+    return status_kb(daemon, "VmRSS")
+
+
+def assert_grown_by_less(daemon, before, limit_kb):
+    """Says nothing of a daemon with AddressSanitizer, which keeps what was freed and reserves terabytes."""
+    if status_kb(daemon, "VmSize") < 1024**3:
+        assert memory(daemon) - before < limit_kb
 
 
 def assert_hears(bed, plugin, client, value):
@@ -150,15 +160,15 @@ def test_clients_with_half_a_message_each_stop_nobody(bed, hearing, main):
     for _ in range(60):
         sock = take_descriptor(main)
         authenticate(sock)
-        # A header that promises 64 MiB of body, a little of that, and then nothing.
-        sock.sendall(struct.pack("<cBBBIII", b"l", 1, 0, 1, 64 * 1024 * 1024, 1, 0) + b"x" * 4096)
+        # A header that promises 4 MiB of body, a little of that, and then nothing.
+        sock.sendall(struct.pack("<cBBBIII", b"l", 1, 0, 1, 4 * 1024 * 1024, 1, 0) + b"x" * 4096)
         halves.append(sock)
     assert_hears(bed, plugin, client, True)
     private = connect(bed, main)
     private.enable(plugin, "Rustle")
     fire(plugin, 1, 1)
     private.wait_change(plugin.event_interface("Rustle"), "Rustle", 1)
-    assert memory(daemon) - before < 32 * 1024
+    assert_grown_by_less(daemon, before, 32 * 1024)
     for sock in halves:
         sock.close()
 
@@ -190,7 +200,7 @@ def test_huge_strings_and_arrays_are_answered_and_forgotten(bed, hearing):
     client.set(plugin.path(), plugin.settings_interface, "Room", "s", "z" * (8 * 1024 * 1024))
     assert client.get(plugin.path(), plugin.settings_interface, "Room") == "z" * 127
     assert_hears(bed, plugin, client, True)
-    assert memory(daemon) - before < 64 * 1024
+    assert_grown_by_less(daemon, before, 64 * 1024)
 
 
 def test_flood_of_calls_is_answered_and_audio_goes_on(bed, hearing):
@@ -205,7 +215,7 @@ def test_flood_of_calls_is_answered_and_audio_goes_on(bed, hearing):
         assert_hears(bed, plugin, client, value)
         for peer, serial in serials[-len(flood) :]:
             peer.wait_reply(serial)
-    assert memory(daemon) - before < 32 * 1024
+    assert_grown_by_less(daemon, before, 32 * 1024)
 
 
 def test_private_client_that_floods_is_answered(bed, hearing, main):
@@ -229,5 +239,5 @@ def test_client_that_asks_and_never_reads_gets_no_more_answers(bed, hearing, mai
     except OSError:
         pass
     assert_hears(bed, plugin, client, True)
-    assert memory(daemon) - before < 16 * 1024
+    assert_grown_by_less(daemon, before, 16 * 1024)
     assert daemon.log_count("messages unread") == 0
