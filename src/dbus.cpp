@@ -8,6 +8,8 @@
 
 #include <spa/utils/string.h>
 
+#include <systemd/sd-id128.h>
+
 #include "assert.hpp"
 #include "context.hpp"
 #include "dbus-cb.hpp"
@@ -313,7 +315,25 @@ void hand_over(hs_dbus *dbus, hs_source *heir)
 		sd_bus_slot_set_userdata(dbus->slot, heir);
 }
 
+/* Where a device has no machine id, sd-bus fails over this call as if the connection were lost. */
+int guard_machine_id(sd_bus_message *message, void *, sd_bus_error *)
+{
+	if (!sd_bus_message_is_method_call(message, "org.freedesktop.DBus.Peer", "GetMachineId"))
+		return 0;
+	sd_id128_t id;
+	if (sd_id128_get_machine(&id) >= 0)
+		return 0;
+	return sd_bus_reply_method_errorf(message, SD_BUS_ERROR_FAILED, "This device has no machine id");
+}
+
 } // namespace
+
+void hs_dbus_guard(sd_bus *bus)
+{
+	const int r = sd_bus_add_filter(bus, nullptr, guard_machine_id, nullptr);
+	if (r < 0)
+		pw_log_error("Could not guard bus %p: %s", static_cast<void *>(bus), std::strerror(-r));
+}
 
 void hs_dbus_destroy(hs_dbus *dbus)
 {

@@ -49,6 +49,9 @@ void hs_dbus_destroy(hs_dbus *dbus);
 /** Publishes "GetPrivateBus" at "/" on the main bus. */
 bool hs_dbus_init_private_bus();
 
+/** Keeps calls that sd-bus itself would fail over, and the bus with them, away from it. */
+void hs_dbus_guard(sd_bus *bus);
+
 /*
  * The objects of a source on one bus. Those of the node and of the device are shared by all sources there:
  * what another source has published already counts as done.

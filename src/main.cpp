@@ -169,6 +169,7 @@ bool load_plugins(hs_context *context, const char *config_path)
 /** Offers the service on the bus; a negative errno on failure. */
 int publish_service(sd_bus *bus)
 {
+	hs_dbus_guard(bus);
 	if (!hs_dbus_init_private_bus())
 		return -1;
 	pw_log_debug("add object manager");

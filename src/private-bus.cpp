@@ -99,6 +99,7 @@ hs_bus_ptr create_private_bus(int *local, bool *started)
 		return nullptr;
 	if (!succeeded(sd_bus_negotiate_fds(created, 1), "sd_bus_negotiate_fds failed"))
 		return nullptr;
+	hs_dbus_guard(created);
 	succeeded(sd_bus_add_object_manager(created, nullptr, "/"), "Could not add object manager");
 	*started = succeeded(sd_bus_start(created), "sd_bus_start failed");
 	return bus;

@@ -241,3 +241,13 @@ def test_client_that_asks_and_never_reads_gets_no_more_answers(bed, hearing, mai
     assert_hears(bed, plugin, client, True)
     assert_grown_by_less(daemon, before, 16 * 1024)
     assert daemon.log_count("messages unread") == 0
+
+
+def test_device_without_a_machine_id_stays_up_when_asked_for_it(bed, hearing, main):
+    plugin, daemon, client = hearing
+    private = connect(bed, main)
+    for peer in (client, private):
+        with pytest.raises(CallFailed, match="This device has no machine id"):
+            peer.call("/com", "org.freedesktop.DBus.Peer", "GetMachineId")
+    assert_hears(bed, plugin, client, True)
+    assert private.managed_objects()
