@@ -36,6 +36,8 @@ esac
 
 packages=("${common_packages[@]}"
 	'libgtest-dev|unit tests'
+	'locales|unit tests in a language with decimal commas'
+	'procps|what the daemon leaves behind'
 	'python3-pytest|integration tests'
 	'python3-pytest-xdist|runs them in parallel')
 $quick || packages+=(
