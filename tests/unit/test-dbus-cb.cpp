@@ -695,11 +695,9 @@ TEST_F(DBusPropertyDeathTest, EnableEventNeedsAnInterfaceWithAPoint)
 	EXPECT_DEATH(call_getter("b", "NoPoint", "EnableEvent"), "'event_name\\+\\+' failed at ");
 }
 
-/* A peer without a bus between has no sender, so on the main bus its user is unknown. */
 TEST_F(DBusProperty, ARefusedWriteHasOneAnswerAndChangesNothing)
 {
-	hs_context_get()->bus = sd_bus_ref(server);
-	/* On the main bus a caller without a name has no rights. */
+	/* A peer without a bus between has no name, so on the main bus its user is unknown. */
 	context->bus = sd_bus_ref(server);
 	for (const char *signature : {"b", "u", "i", "x", "f", "d", "s"}) {
 		store(settings_interface, signature, "1");
@@ -724,7 +722,6 @@ TEST_F(DBusProperty, ARefusedWriteHasOneAnswerAndChangesNothing)
 
 TEST_F(DBusProperty, ARefusalLeavesTheValueUnread)
 {
-	hs_context_get()->bus = sd_bus_ref(server);
 	context->bus = sd_bus_ref(server);
 	sd_bus_message *message = nullptr;
 	sd_bus_message_new_signal(server, &message, "/", "com.example.A", "Any");
