@@ -276,7 +276,9 @@ def test_indication_reaches_every_instance_of_the_device_and_no_other(bed, metho
     for value in (True, False):
         assert client.call(CHAIN, CHAIN_INTERFACE, method, "b", (value,)) == ()
         for plugin in (first, second):
+            # The answer comes first, the work after it.
             pod = ["Struct", [["String", method], ["Bool", value]]]
+            plugin.wait_call("set_settings", pod=pod)
             assert len(plugin.calls("set_settings", pod=pod)) == 1
     assert len({call["instance"] for call in first.calls("set_settings")}) == 1
 
