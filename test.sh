@@ -133,11 +133,11 @@ export CC=gcc CXX=g++
 if $quick; then
 	timed 'Building with g++' build build-test
 	timed 'Unit tests' unit_tests build-test
-	timed 'Integration tests' integration_tests build-test integration -n 4 tests/integration
+	timed 'Integration tests' integration_tests build-test integration -n 2 tests/integration
 else
 	timed 'Building with g++, optimised' build build-test-gcc -Doptimization=2 -Ddebug=true -Db_ndebug=true
 	timed 'Unit tests' unit_tests build-test-gcc
-	timed 'Integration tests' integration_tests build-test-gcc integration -n 4 tests/integration
+	timed 'Integration tests' integration_tests build-test-gcc integration -n 2 tests/integration
 
 	export HS_TEST_TIMEOUT_SCALE=10
 	export HS_TEST_WRAPPER='valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=97'
@@ -154,7 +154,7 @@ else
 	export HS_TEST_TIMEOUT_SCALE=3
 	PATH=$PATH:/usr/lib/llvm-14/bin
 	timed 'Unit tests, sanitized' unit_tests build-test-clang
-	timed 'Integration tests, sanitized' integration_tests build-test-clang integration -n 4 tests/integration
+	timed 'Integration tests, sanitized' integration_tests build-test-clang integration -n 2 tests/integration
 fi
 
 step 'Time'
