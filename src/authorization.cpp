@@ -37,6 +37,7 @@ bool check_rights(const char *user, const char *key, const char *property, sd_bu
 	vetto2_error result{};
 	if (vetto2_check_username(user, key, &result))
 		return true;
+	result.message[sizeof(result.message) - 1] = '\0';
 
 	const char *shown = user ? user : "(null)";
 	/* A text that the bus does not take would leave the caller without an answer. */

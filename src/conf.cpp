@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr char override_dir[] = "/etc/hear-sense/plugin-confs";
 constexpr size_t config_path_size = 4096;
 /* Nobody writes so much by hand; a sparse file can claim more than there is memory. */
 constexpr off_t max_file_size = 1024 * 1024;
@@ -124,7 +123,7 @@ int write_settings(FILE *stream, void *data)
 bool hs_conf_load_config_list(const char *path, pw_properties *config_names)
 {
 	if (!path)
-		return hs_conf_get_configs(HS_CONF_DIR, override_dir, config_names);
+		return hs_conf_get_configs(HS_CONF_DIR, HS_CONF_OVERRIDE_DIR, config_names);
 	const std::string directory(path, strnlen(path, config_path_size - 1));
 	return hs_conf_get_configs(directory.c_str(), nullptr, config_names);
 }

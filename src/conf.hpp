@@ -9,8 +9,12 @@
 
 struct pw_properties;
 
-/** Where packages install configurations. */
+/** Where packages install configurations, and where files of the same name replace them. */
 inline constexpr char HS_CONF_DIR[] = "/usr/share/hear-sense/plugin-confs";
+inline constexpr char HS_CONF_OVERRIDE_DIR[] = "/etc/hear-sense/plugin-confs";
+
+/** Where packages install the schemas that plug-ins name. */
+inline constexpr char HS_CONF_SCHEMA_DIR[] = "/usr/share/hear-sense/plugin-schemas";
 
 /**
  * Lists the installed configurations, or those in the directory `path` where it is not null; see

@@ -14,6 +14,7 @@
 #include "loop.hpp"
 #include "plugin.hpp"
 #include "pw-source.hpp"
+#include "stream-retire.hpp"
 
 static_assert(std::is_standard_layout_v<hs_context>);
 
@@ -38,6 +39,7 @@ hs_context *hs_context_new(pw_context *pipewire, pw_core *core, hs_loop *loop, h
 	spa_list_init(&context->pw_sources);
 	spa_list_init(&context->plugins);
 	spa_list_init(&context->dbus_objects);
+	spa_list_init(&context->retired_streams);
 	the_context = context;
 	return context;
 }
@@ -54,6 +56,7 @@ void hs_context_destroy()
 		hs_pw_source_destroy(spa_list_first(&the_context->pw_sources, hs_pw_source, link));
 	while (!spa_list_is_empty(&the_context->dbus_objects))
 		hs_dbus_destroy(spa_list_first(&the_context->dbus_objects, hs_dbus, link));
+	hs_stream_retire_finish();
 	pw_properties_free(the_context->object_path_counts);
 	sd_bus_unref(the_context->bus);
 	delete the_context;

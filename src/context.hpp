@@ -31,6 +31,8 @@ struct hs_context {
 	spa_list plugins;
 	/** Of hs_dbus; owned. */
 	spa_list dbus_objects;
+	/** See stream-retire.hpp; owned. */
+	spa_list retired_streams;
 	/** The preview feature flag as it was at start-up. */
 	bool preview_enabled;
 };

@@ -10,14 +10,6 @@
 
 namespace {
 
-/** What a client sees: sd-bus knows no single precision, and structures travel as dictionaries. */
-const char *published_signature(const char *signature)
-{
-	if (spa_streq(signature, "f"))
-		return "d";
-	return spa_strstartswith(signature, "(") ? "a{sv}" : signature;
-}
-
 sd_bus_vtable *new_table(char type, uint64_t flags)
 {
 	static const sd_bus_vtable start = SD_BUS_VTABLE_START(0);
@@ -40,13 +32,20 @@ sd_bus_vtable *new_property(char type, uint64_t flags, const char *signature, co
 		return nullptr;
 	sd_bus_vtable *vtable = new_table(type, flags);
 	vtable[1].x.property.member = name;
-	vtable[1].x.property.signature = published_signature(signature);
+	vtable[1].x.property.signature = hs_dbus_cb_published_signature(signature);
 	vtable[1].x.property.get = get;
 	vtable[1].x.property.set = set;
 	return vtable;
 }
 
 } // namespace
+
+const char *hs_dbus_cb_published_signature(const char *signature)
+{
+	if (spa_streq(signature, "f"))
+		return "d";
+	return spa_strstartswith(signature, "(") ? "a{sv}" : signature;
+}
 
 sd_bus_vtable *hs_dbus_cb_readonly_property(const char *signature, const char *name)
 {

@@ -14,3 +14,6 @@ sd_bus_vtable *hs_dbus_cb_writeable_property(const char *signature, const char *
 sd_bus_vtable *hs_dbus_cb_property_emits_change(const char *signature, const char *name);
 sd_bus_vtable *hs_dbus_cb_method(const char *name, sd_bus_message_handler_t handler, const char *in_signature,
 				 const char *out_signature);
+
+/** The signature that clients see for a setting, event or fixed property of that signature. */
+const char *hs_dbus_cb_published_signature(const char *signature);

@@ -13,6 +13,7 @@
 #include "assert.hpp"
 #include "context.hpp"
 #include "dbus-cb.hpp"
+#include "dbus-get.hpp"
 #include "dbus-methods.hpp"
 #include "log.hpp"
 #include "loop.hpp"
@@ -20,6 +21,7 @@
 #include "plugin.hpp"
 #include "pod.hpp"
 #include "private-bus.hpp"
+#include "props.hpp"
 #include "refcount.hpp"
 #include "source.hpp"
 
@@ -164,35 +166,40 @@ int register_event(hs_source *source, sd_bus *bus, const std::string &interface,
 	return r;
 }
 
-void add_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
+bool add_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
 {
 	const int r = register_event(source, bus, interface, event);
 	if (r < 0)
 		pw_log_error("Failed to setup dbus event %s, %s, %s with error: %s", source->object_path.c_str(),
 			     interface.c_str(), pw_properties_get(event, "title"), std::strerror(-r));
+	return r >= 0;
 }
 
-void add_private_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
+bool add_private_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
 {
 	const int r = register_event(source, bus, interface, event);
 	if (r < 0)
 		pw_log_error("Failed to setup private dbus event: %s, %s, %s with error: %s",
 			     source->object_path.c_str(), interface.c_str(), pw_properties_get(event, "title"),
 			     std::strerror(-r));
+	return r >= 0;
 }
 
 /** Publishes one event where it belongs; false where its trigger can not be. */
-bool publish_event(hs_context *context, hs_source *source, const std::string &interface, const pw_properties *event)
+bool publish_event(hs_context *context, hs_source *source, size_t position, const pw_properties *event)
 {
+	const std::string &interface = source->event_interfaces[position];
 	const char *title = pw_properties_get(event, "title");
+	bool is_published = true;
 	if (hs_plugin_event_is_public(source->plugin, interface.c_str())) {
-		add_event(source, context->bus, interface, event);
+		is_published = add_event(source, context->bus, interface, event);
 		hs_loop_bus_set_event_status(context->loop, context->bus, title, source, true);
 	} else {
 		void *cursor = nullptr;
 		while (sd_bus *bus = hs_loop_bus_iterate(context->loop, &cursor))
-			add_private_event(source, bus, interface, event);
+			is_published &= add_private_event(source, bus, interface, event);
 	}
+	source->event_published[position] = is_published;
 
 	const char *value = pw_properties_get(event, "value");
 	if (!value || !std::strstr(value, "Detected"))
@@ -201,7 +208,9 @@ bool publish_event(hs_context *context, hs_source *source, const std::string &in
 			  hs_dbus_trigger_event, nullptr, nullptr) >= 0;
 }
 
-bool publish_events(hs_context *context, hs_source *source)
+/** Calls `visit` with the position and description of each event, until it answers false. */
+template <typename Visit>
+bool visit_events(hs_source *source, Visit visit)
 {
 	if (!source->events)
 		return true;
@@ -209,10 +218,17 @@ bool publish_events(hs_context *context, hs_source *source)
 	size_t position = 0;
 	while (const char *key = pw_properties_iterate(source->events, &state)) {
 		const hs_properties_ptr event(pw_properties_new_string(pw_properties_get(source->events, key)));
-		if (!publish_event(context, source, source->event_interfaces[position++], event.get()))
+		if (!visit(position++, event.get()))
 			return false;
 	}
 	return true;
+}
+
+bool publish_events(hs_context *context, hs_source *source)
+{
+	return visit_events(source, [context, source](size_t position, const pw_properties *event) {
+		return publish_event(context, source, position, event);
+	});
 }
 
 void publish_instance(hs_source *source, sd_bus *bus)
@@ -274,18 +290,82 @@ void announce_shared(sd_bus *bus, const std::string &path)
 		pw_log_error("Failed to emit interfaces for path %s: %s", path.c_str(), std::strerror(-r));
 }
 
-void emit_property_changed_on_bus(sd_bus *bus, hs_source *source, const char *interface, const char *title, bool force)
+/** News of one event, on its way to the buses. */
+struct event_signal {
+	hs_source *source;
+	const char *interface;
+	const char *title;
+	bool force;
+	/** Of the value; null where only sd-bus knows whether, and as what, the event is on a bus. */
+	const char *signature;
+	/** As the first bus got it; null until then. */
+	hs_message_ptr sent;
+};
+
+/** Appends what sd-bus itself appends for one property that has changed. */
+int append_change(sd_bus_message *message, const event_signal &news)
+{
+	const hs_source *source = news.source;
+	int r = sd_bus_message_append(message, "s", news.interface);
+	if (r >= 0)
+		r = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
+	if (r >= 0)
+		r = sd_bus_message_open_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv");
+	if (r >= 0)
+		r = sd_bus_message_append(message, "s", news.title);
+	if (r >= 0)
+		r = sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT,
+						  hs_dbus_cb_published_signature(news.signature));
+	if (r < 0)
+		return r;
+	sd_bus_error error = SD_BUS_ERROR_NULL;
+	const std::unique_ptr<sd_bus_error, hs_release<sd_bus_error_free>> texts(&error);
+	r = hs_dbus_get_find(news.signature)(sd_bus_message_get_bus(message), source->object_path.c_str(),
+					     news.interface, news.title, message, news.source, &error);
+	for (int n_open = 3; n_open > 0 && r >= 0; --n_open)
+		r = sd_bus_message_close_container(message);
+	return r < 0 ? r : sd_bus_message_append(message, "as", 0);
+}
+
+/* sd-bus would walk through every table at the path, and have the value read anew for each bus. */
+int send_change(sd_bus *bus, event_signal *news)
+{
+	if (sd_bus_is_open(bus) <= 0)
+		return -ENOTCONN;
+	sd_bus_message *created = nullptr;
+	int r = sd_bus_message_new_signal(bus, &created, news->source->object_path.c_str(),
+					  "org.freedesktop.DBus.Properties", "PropertiesChanged");
+	if (r < 0)
+		return r;
+	hs_message_ptr message(created);
+	if (news->sent) {
+		sd_bus_message_rewind(news->sent.get(), 1);
+		r = sd_bus_message_copy(created, news->sent.get(), 1);
+	} else {
+		r = append_change(created, *news);
+	}
+	if (r >= 0)
+		r = sd_bus_send(bus, created, nullptr);
+	if (r >= 0 && !news->sent)
+		news->sent = std::move(message);
+	return r;
+}
+
+void emit_on_bus(sd_bus *bus, event_signal *news)
 {
 	const hs_context *context = hs_context_get();
+	const char *path = news->source->object_path.c_str();
 	bool enabled = false;
-	if (!hs_loop_bus_get_event_status(context->loop, bus, source, title, &enabled))
+	if (!hs_loop_bus_get_event_status(context->loop, bus, news->source, news->title, &enabled))
 		return;
-	if (!force && !enabled)
+	if (!news->force && !enabled)
 		return;
-	const int r = sd_bus_emit_properties_changed(bus, source->object_path.c_str(), interface, title, nullptr);
+	const int r = news->signature
+			      ? send_change(bus, news)
+			      : sd_bus_emit_properties_changed(bus, path, news->interface, news->title, nullptr);
 	if (r < 0 && r != -ENOTCONN && bus != context->bus)
 		pw_log_warn("Could not emit signal on private bus %p, path %s, interface %s, property %s: %s",
-			    static_cast<void *>(bus), source->object_path.c_str(), interface, title, std::strerror(-r));
+			    static_cast<void *>(bus), path, news->interface, news->title, std::strerror(-r));
 }
 
 /** Another published source on the shared object that the record is a member of; null where it is none. */
@@ -392,16 +472,14 @@ bool hs_dbus_setup_plugin_instance_interface(hs_source *source, sd_bus *bus)
 
 void hs_dbus_add_private_events(hs_source *source, sd_bus *bus)
 {
-	if (!source->events)
-		return;
-	void *state = nullptr;
-	size_t position = 0;
-	while (const char *key = pw_properties_iterate(source->events, &state)) {
-		const hs_properties_ptr event(pw_properties_new_string(pw_properties_get(source->events, key)));
-		const std::string &interface = source->event_interfaces[position++];
-		if (!hs_plugin_event_is_public(source->plugin, interface.c_str()))
-			add_private_event(source, bus, interface, event.get());
-	}
+	visit_events(source, [source, bus](size_t position, const pw_properties *event) {
+		const std::string &interface = source->event_interfaces[position];
+		const bool is_missing = !hs_plugin_event_is_public(source->plugin, interface.c_str()) &&
+					!add_private_event(source, bus, interface, event);
+		if (is_missing)
+			source->event_published[position] = false;
+		return true;
+	});
 }
 
 bool hs_dbus_setup_plugin_interfaces(hs_source *source)
@@ -461,16 +539,22 @@ void hs_dbus_remove_bus(sd_bus *bus)
 
 void hs_dbus_emit_event(hs_source *source, const char *title, bool force)
 {
-	const char *interface = hs_source_get_event_interface(source, title);
-	if (!interface)
+	const int found = hs_source_find_event(source, title);
+	if (found < 0)
 		return;
+	const auto position = static_cast<size_t>(found);
+	const char *interface = source->event_interfaces[position].c_str();
+	const hs_properties_ptr event = hs_props_find(source->events, title);
+	const char *signature = source->event_published[position] ? choose_signature(event.get()) : nullptr;
+	event_signal news{source, interface, title, force, signature, nullptr};
+
 	const hs_context *context = hs_context_get();
 	if (hs_plugin_event_is_public(source->plugin, interface)) {
 		if (context->bus)
-			emit_property_changed_on_bus(context->bus, source, interface, title, force);
+			emit_on_bus(context->bus, &news);
 		return;
 	}
 	void *cursor = nullptr;
 	while (sd_bus *bus = hs_loop_bus_iterate(context->loop, &cursor))
-		emit_property_changed_on_bus(bus, source, interface, title, force);
+		emit_on_bus(bus, &news);
 }

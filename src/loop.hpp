@@ -16,7 +16,7 @@
 
 struct pw_main_loop;
 struct sd_bus;
-struct spa_source;
+struct bus_event_data;
 struct hs_source;
 
 struct hs_loop {
@@ -24,6 +24,8 @@ struct hs_loop {
 	pw_main_loop *main_loop;
 	/** Of bus_event_data, one per attached bus in order of arrival; owned. */
 	spa_list event_data_list;
+	/** Of event_data_list, may be null: what is asked for is mostly what was asked for before. */
+	bus_event_data *last_asked;
 };
 
 hs_loop *hs_loop_new();

@@ -29,7 +29,6 @@
 namespace {
 
 constexpr char metrics_dir[] = "/etc/hear-sense/metrics/";
-constexpr char schema_dir[] = "/usr/share/hear-sense/plugin-schemas";
 constexpr char settings_dir[] = "/etc/hear-sense/plugin-settings";
 constexpr char session_bus_variable[] = "HS_USE_SESSION_BUS";
 
@@ -109,6 +108,7 @@ bool init_rights()
 	vetto2_error error{};
 	if (vetto2_init(&error))
 		return true;
+	error.message[sizeof(error.message) - 1] = '\0';
 	pw_log_error("Failed to initialize libvetto: code %d: %s", error.code, error.message);
 	return false;
 }
@@ -161,7 +161,7 @@ bool load_plugins(hs_context *context, const char *config_path)
 		const char *path = pw_properties_get(configs.get(), key);
 		if (!path)
 			break;
-		hs_plugin_new(context, path, schema_dir, settings_dir);
+		hs_plugin_new(context, path, HS_CONF_SCHEMA_DIR, settings_dir);
 	}
 	return true;
 }
@@ -175,13 +175,16 @@ int publish_service(sd_bus *bus)
 	pw_log_debug("add object manager");
 	int r = sd_bus_add_object_manager(bus, nullptr, "/");
 	if (r < 0) {
+		errno = -r;
 		pw_log_error("Could not add object manager: %m");
 		return r;
 	}
 	pw_log_debug("request name");
 	r = sd_bus_request_name(bus, HS_DBUS_SERVICE, 0);
-	if (r < 0)
+	if (r < 0) {
+		errno = -r;
 		pw_log_error("Could not aquire name on bus: %m");
+	}
 	return r;
 }
 

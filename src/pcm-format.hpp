@@ -12,6 +12,9 @@ struct spa_audio_info_raw;
 struct spa_pod;
 struct hs_pod_buffer;
 
+/** The sample format of a plug-in whose configuration tells none: planar 32-bit floats. */
+inline constexpr char HS_PCM_DEFAULT_FORMAT[] = "F32P";
+
 /** SPA id of a sample format's short name such as "F32P"; 0 where it is unknown or null. */
 uint32_t hs_pcm_format_from_name(const char *name);
 

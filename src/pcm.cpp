@@ -21,6 +21,7 @@
 #include "pw-source.hpp"
 #include "registry.hpp"
 #include "source.hpp"
+#include "stream-retire.hpp"
 
 static_assert(std::is_standard_layout_v<hs_pcm>);
 
@@ -249,9 +250,10 @@ void hs_pcm_destroy(hs_pcm *pcm)
 	pw_log_debug("%p: destroy pcm", static_cast<void *>(pcm));
 	if (pcm->stream) {
 		pw_log_debug("%p: destroy stream", static_cast<void *>(pcm->stream));
-		pw_stream_disconnect(pcm->stream);
+		if (pw_stream_get_state(pcm->stream, nullptr) != PW_STREAM_STATE_CONNECTING)
+			pw_stream_disconnect(pcm->stream);
 		spa_hook_remove(&pcm->listener);
-		pw_stream_destroy(pcm->stream);
+		hs_stream_retire(pcm->stream);
 	}
 	delete pcm;
 }

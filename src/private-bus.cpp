@@ -80,6 +80,24 @@ bool succeeded(int r, const char *failure)
 	return r >= 0;
 }
 
+/** Starts serving `fd`, and leaves the kernel as little to keep for an idle client as any socket has. */
+bool start(sd_bus *bus, int fd)
+{
+	constexpr char unbounded[] = "Could not bound the send buffer of a private bus";
+	int size = 0;
+	socklen_t length = sizeof(size);
+	const bool known = getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0;
+	if (!known)
+		pw_log_warn("%s: %m", unbounded);
+	if (!succeeded(sd_bus_start(bus), "sd_bus_start failed"))
+		return false;
+	/* sd-bus has asked for 8 MiB. The kernel doubles what it is told, and tells the double. */
+	size /= 2;
+	if (known && setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) < 0)
+		pw_log_warn("%s: %m", unbounded);
+	return true;
+}
+
 /** A server on the local end, which it then owns; null where it can not be made. */
 hs_bus_ptr create_private_bus(int *local, bool *started)
 {
@@ -90,7 +108,8 @@ hs_bus_ptr create_private_bus(int *local, bool *started)
 	if (!succeeded(sd_bus_new(&created), "sd_bus_new failed"))
 		return nullptr;
 	hs_bus_ptr bus(created);
-	if (!succeeded(sd_bus_set_fd(created, *local, *local), "sd_bus_set_fd failed"))
+	const int fd = *local;
+	if (!succeeded(sd_bus_set_fd(created, fd, fd), "sd_bus_set_fd failed"))
 		return nullptr;
 	*local = -1;
 	if (!succeeded(sd_bus_set_server(created, 1, id), "sd_bus_set_server failed"))
@@ -101,7 +120,7 @@ hs_bus_ptr create_private_bus(int *local, bool *started)
 		return nullptr;
 	hs_dbus_guard(created);
 	succeeded(sd_bus_add_object_manager(created, nullptr, "/"), "Could not add object manager");
-	*started = succeeded(sd_bus_start(created), "sd_bus_start failed");
+	*started = start(created, fd);
 	return bus;
 }
 

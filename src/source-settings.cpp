@@ -27,16 +27,6 @@ constexpr char enable_title[] = "Enable";
 constexpr char transient_name[] = "IndicateTransientAudioDisturbance";
 constexpr char default_suffix[] = ".default";
 
-std::string lower_case(const char *title)
-{
-	std::string name = title;
-	for (char &c : name) {
-		if (c >= 'A' && c <= 'Z')
-			c = static_cast<char>(c - 'A' + 'a');
-	}
-	return name;
-}
-
 /** Adds what the configuration gives as defaults to the stored values that lack it. */
 void add_defaults(pw_properties *stored, const pw_properties *info)
 {
@@ -50,7 +40,7 @@ void add_defaults(pw_properties *stored, const pw_properties *info)
 		const char *value = pw_properties_get(entry.get(), "value");
 		if (!title || !value)
 			continue;
-		const std::string name = lower_case(title);
+		const std::string name = hs_setting_name(title);
 		if (!pw_properties_get(stored, name.c_str()))
 			pw_properties_set(stored, name.c_str(), value);
 	}
@@ -62,18 +52,12 @@ hs_properties_ptr read_stored_values(const hs_source *source, const pw_propertie
 	const hs_properties_ptr info = hs_plugin_get_info(source->plugin);
 	if (definition)
 		pw_properties_update(info.get(), &definition->dict);
-
-	hs_properties_ptr stored(pw_properties_new(nullptr, nullptr));
-	HS_ASSERT(stored);
-	if (access(settings_path, R_OK) == 0)
-		hs_conf_load_conf(settings_path, stored.get());
-	add_defaults(stored.get(), info.get());
-	return stored;
+	return hs_setting_read_stored(info.get(), settings_path);
 }
 
 void add_entry(pw_properties *settings, const hs_pod &description, const char *value)
 {
-	const std::string name = lower_case(description.title->c_str());
+	const std::string name = hs_setting_name(description.title->c_str());
 	hs_props_add_object(settings, {
 					      {"name", name.c_str()},
 					      {"title", hs_c_str(description.title)},
@@ -98,7 +82,7 @@ void add_plugin_setting(hs_source *source, uint32_t index, const pw_properties *
 	const hs_pod_ptr setting = hs_pod_parse(hs_plugin_fetch_setting(source->interface, index, &buffer));
 	if (!setting || !setting->title)
 		return;
-	const char *value = pw_properties_get(stored, lower_case(setting->title->c_str()).c_str());
+	const char *value = pw_properties_get(stored, hs_setting_name(setting->title->c_str()).c_str());
 	if (!value) {
 		add_entry(source->settings, *setting, hs_pod_value_text(*setting));
 		return;
@@ -222,6 +206,32 @@ std::string next_count(hs_source *source, const char *name)
 
 } // namespace
 
+std::string hs_setting_name(const char *title)
+{
+	std::string name = title;
+	for (char &c : name) {
+		if (c >= 'A' && c <= 'Z')
+			c = static_cast<char>(c - 'A' + 'a');
+	}
+	return name;
+}
+
+hs_properties_ptr hs_setting_read_stored(const pw_properties *info, const char *settings_path)
+{
+	hs_properties_ptr stored(pw_properties_new(nullptr, nullptr));
+	HS_ASSERT(stored);
+	if (settings_path && access(settings_path, R_OK) == 0)
+		hs_conf_load_conf(settings_path, stored.get());
+	add_defaults(stored.get(), info);
+	return stored;
+}
+
+bool hs_setting_hand_over(hs_plugin_interface *interface, const char *name, const char *value, const char *type)
+{
+	const hs_malloc_ptr<spa_pod> pod = hs_pod_build(name, value, type, nullptr);
+	return pod && hs_plugin_set_settings(interface, pod.get()) >= 0;
+}
+
 void hs_source_add_global_settings(hs_source *source, const pw_properties *definition, const char *settings_path)
 {
 	const hs_properties_ptr stored = read_stored_values(source, definition, settings_path);
@@ -271,8 +281,7 @@ bool hs_source_handle_settings(hs_source *source, pw_properties *settings, const
 		value = count.c_str();
 		type = "int64";
 	}
-	const hs_malloc_ptr<spa_pod> pod = hs_pod_build(name, value, type, nullptr);
-	if (!pod || hs_plugin_set_settings(source->interface, pod.get()) < 0)
+	if (!hs_setting_hand_over(source->interface, name, value, type))
 		return false;
 	if (settings) {
 		hs_props_set_value(settings, name, value);

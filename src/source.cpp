@@ -9,13 +9,13 @@
 #include "assert.hpp"
 #include "context.hpp"
 #include "dbus.hpp"
+#include "event.hpp"
 #include "log.hpp"
 #include "loop.hpp"
 #include "metrics.hpp"
+#include "pcm-format.hpp"
 #include "pcm.hpp"
 #include "plugin.hpp"
-#include "pod.hpp"
-#include "props.hpp"
 #include "pw-source.hpp"
 #include "source-name.hpp"
 #include "source-settings.hpp"
@@ -41,24 +41,6 @@ pw_properties *new_stream_config(const pw_properties *definition)
 	return config;
 }
 
-/** Describes one event in the table; one that the plug-in can not describe is left out. */
-void add_event(hs_source *source, uint32_t index)
-{
-	hs_pod_buffer buffer;
-	const hs_pod_ptr event = hs_pod_parse(hs_plugin_fetch_event(source->interface, index, &buffer));
-	if (!event || !event->title)
-		return;
-	const uint32_t n_before = source->events->dict.n_items;
-	hs_props_add_object(source->events, {
-						    {"title", hs_c_str(event->title)},
-						    {"type", hs_c_str(event->type)},
-						    {"complexType", event->signature},
-						    {"value", hs_pod_value_text(*event)},
-					    });
-	if (source->events->dict.n_items > n_before)
-		source->event_indices.push_back(index);
-}
-
 void add_events(hs_source *source)
 {
 	const int n_events = hs_plugin_count_events(source->interface);
@@ -67,10 +49,9 @@ void add_events(hs_source *source)
 	if (n_events == HS_PLUGIN_MAX_DESCRIPTIONS)
 		pw_log_warn("Plug-in %s has %d events or more: those beyond are left out", source->plugin->name,
 			    n_events);
-	source->events = pw_properties_new(nullptr, nullptr);
-	for (int i = 0; i < n_events; ++i)
-		add_event(source, static_cast<uint32_t>(i));
+	source->events = hs_event_table_new(source->interface, n_events, &source->event_indices);
 	source->event_interfaces.resize(static_cast<size_t>(n_events));
+	source->event_published.resize(static_cast<size_t>(n_events));
 }
 
 /** The next event of the table, null at the end; `*state` is null to begin with. */
@@ -201,7 +182,7 @@ hs_properties_ptr hs_source_get_pcm_properties(const hs_source *source)
 	const hs_pw_source *node = source->pcm ? source->pcm->node : nullptr;
 	const char *node_name = node && !node->name.empty() ? node->name.c_str() : nullptr;
 	const char *target = first_of(definition("name"), info("node.name"), node_name, "default");
-	const char *format = first_of(definition("format"), info("audio.format"), "F32P");
+	const char *format = first_of(definition("format"), info("audio.format"), HS_PCM_DEFAULT_FORMAT);
 
 	char stream_name[stream_name_size];
 	spa_scnprintf(stream_name, sizeof(stream_name), "hs-%s-%s", source->plugin->name, target);
@@ -226,12 +207,6 @@ int hs_source_find_event(const hs_source *source, const char *title)
 		++position;
 	}
 	return -1;
-}
-
-const char *hs_source_get_event_interface(const hs_source *source, const char *title)
-{
-	const int position = hs_source_find_event(source, title);
-	return position < 0 ? nullptr : source->event_interfaces[static_cast<size_t>(position)].c_str();
 }
 
 std::string hs_source_get_device_name(const hs_source *source)

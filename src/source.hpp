@@ -41,6 +41,8 @@ struct hs_source {
 	std::vector<std::string> event_interfaces;
 	/** The plug-in's index of each event in `events`. */
 	std::vector<uint32_t> event_indices;
+	/** By position in `events`: it is on every bus that it belongs to. */
+	std::vector<bool> event_published;
 	/** Of this instance, of the node and of the device; the latter two are shared with other sources. */
 	std::string object_path;
 	std::string node_path;
@@ -80,8 +82,6 @@ hs_properties_ptr hs_source_get_pcm_properties(const hs_source *source);
 
 /** Position in `events` of the event with that title, or -1. */
 int hs_source_find_event(const hs_source *source, const char *title);
-/** D-Bus interface of the event with that title; null where there is none. */
-const char *hs_source_get_event_interface(const hs_source *source, const char *title);
 
 std::string hs_source_get_device_name(const hs_source *source);
 std::string hs_source_get_direction(const hs_source *source);

@@ -20,6 +20,7 @@ BASIC = "ybnqiuxtdsog"
 KEYS = "ynqiuxtsog"
 LIMITS = {"y": (0, 8), "n": (-15, 15), "q": (0, 16), "i": (-31, 31), "u": (0, 32), "x": (-63, 63), "t": (0, 64)}
 DEEPEST = 60
+LONGEST_TEXT = 4 << 20
 LONGEST_SIGNATURE = 255
 
 TEXTS = (
@@ -116,10 +117,11 @@ def split(signature):
 class Garbage:
     """Values of any type: each is what a message may carry, and hardly what anybody expects."""
 
-    def __init__(self, rng, descriptor=None):
+    def __init__(self, rng, descriptor=None, longest=LONGEST_TEXT):
         """`descriptor` is what stands for type "h", where descriptors can be sent."""
         self.rng = rng
         self.descriptor = descriptor
+        self.longest = longest
 
     def signature(self, depth=0):
         """One single complete type."""
@@ -149,7 +151,7 @@ class Garbage:
     def text(self):
         kind = self.rng.random()
         if kind < 0.01:
-            return "h" * self.rng.choice((65536, 1 << 20, 4 << 20))
+            return "h" * self.rng.choice((65536, self.longest // 4, self.longest))
         if kind < 0.2:
             return self.rng.randbytes(300).decode("latin-1").replace("\0", "\u65e5")
         return self.rng.choice(TEXTS)
@@ -210,10 +212,11 @@ def _close_descriptors(value):
 class Fuzzer:
     """Fuzzes one bus over `peer`."""
 
-    def __init__(self, peer, seed, descriptor=None):
+    def __init__(self, peer, seed, descriptor=None, longest=LONGEST_TEXT):
         self.peer = peer
         self.seed = seed
         self.descriptor = descriptor
+        self.longest = longest
         self.walks = 0
         self.calls = 0
         self.answers = 0
@@ -222,7 +225,7 @@ class Fuzzer:
         self.members = set()
 
     def _garbage(self, what):
-        return Garbage(random.Random(f"{self.seed} {self.walks} {what}"), self.descriptor)
+        return Garbage(random.Random(f"{self.seed} {self.walks} {what}"), self.descriptor, self.longest)
 
     def call(self, path, interface, member, signature, body):
         """Any answer will do, but there has to be one."""

@@ -88,7 +88,7 @@ def test_name_that_is_taken_ends_with_1_and_leaves_it_to_its_owner(bed):
     assert owner.own("com.orvel.HearSense") == 1
     daemon = bed.spawn()
     assert daemon.status() == 1
-    assert daemon.log_count("Could not aquire name on bus: ") == 1
+    assert daemon.log_count("Could not aquire name on bus: File exists") == 1
     assert owner.has_owner()
 
 
@@ -96,7 +96,7 @@ def test_second_daemon_ends_with_1_and_the_first_goes_on(bed):
     first, client = bed.start()
     second = bed.spawn()
     assert second.status() == 1
-    assert second.log_count("Could not aquire name on bus: ") == 1
+    assert second.log_count("Could not aquire name on bus: File exists") == 1
     assert client.managed_objects() == {}
     assert first.alive
 

@@ -66,6 +66,42 @@ public:
 		return bus;
 	}
 
+	/** The main bus and the private ones. */
+	std::vector<sd_bus *> buses() const
+	{
+		std::vector<sd_bus *> all{context->bus};
+		void *cursor = nullptr;
+		while (sd_bus *bus = hs_loop_bus_iterate(bed.get(), &cursor))
+			all.push_back(bus);
+		return all;
+	}
+
+	/** Publishes the source's node and device on every bus. */
+	bool publish_shared(hs_source *source) const
+	{
+		bool done = true;
+		for (sd_bus *bus : buses()) {
+			done = hs_dbus_setup_audio_chain_interface(source, bus) && done;
+			done = hs_dbus_setup_source_interface(source, bus) && done;
+		}
+		return done;
+	}
+
+	/** Publishes everything of the source on every bus. */
+	bool publish(hs_source *source) const
+	{
+		return publish_shared(source) && hs_dbus_setup_plugin_interfaces(source);
+	}
+
+	/** A call as no client can send it: nothing can be read from it, and nothing answered. */
+	hs_message_ptr unsealed_call(const std::string &path, const std::string &interface, const char *method) const
+	{
+		sd_bus_message *message = nullptr;
+		sd_bus_message_new_method_call(context->bus, &message, HS_DBUS_SERVICE, path.c_str(), interface.c_str(),
+					       method);
+		return hs_message_ptr{message};
+	}
+
 	void run(const std::function<void()> &script)
 	{
 		EXPECT_GE(bed.run(context->bus, script), 0);

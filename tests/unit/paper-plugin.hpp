@@ -138,6 +138,7 @@ private:
 							     {"value", e.value.c_str()}});
 			source->event_interfaces.push_back(std::string{HS_DBUS_EVENTS_PREFIX} + name + "." + e.title);
 			source->event_indices.push_back(index++);
+			source->event_published.push_back(false);
 		}
 	}
 

@@ -33,25 +33,6 @@ protected:
 		sd_bus_error_free(&error);
 	}
 
-	bool publish(hs_source *source)
-	{
-		bool done = true;
-		for (sd_bus *bus : buses()) {
-			done = hs_dbus_setup_audio_chain_interface(source, bus) && done;
-			done = hs_dbus_setup_source_interface(source, bus) && done;
-		}
-		return hs_dbus_setup_plugin_interfaces(source) && done;
-	}
-
-	std::vector<sd_bus *> buses()
-	{
-		std::vector<sd_bus *> all{bed.context->bus};
-		void *cursor = nullptr;
-		while (sd_bus *bus = hs_loop_bus_iterate(bed.context->loop, &cursor))
-			all.push_back(bus);
-		return all;
-	}
-
 	template <typename... Values>
 	std::string indicate(const char *method, const char *types = "", Values... values)
 	{
@@ -72,15 +53,6 @@ protected:
 			self->kept = sd_bus_message_ref(message);
 		}
 		return 0;
-	}
-
-	/** A call as no client can send it: nothing can be read from it, and nothing answered. */
-	hs_message_ptr unsealed_call(const char *path, const std::string &interface, const char *method) const
-	{
-		sd_bus_message *message = nullptr;
-		sd_bus_message_new_method_call(bed.context->bus, &message, HS_DBUS_SERVICE, path, interface.c_str(),
-					       method);
-		return hs_message_ptr{message};
 	}
 
 	hs_dbus *record(const char *method, sd_bus *bus = nullptr)
@@ -110,7 +82,7 @@ protected:
 		hs_paper_plugin &ear = bed.add_plugin("Ear");
 		ear.add_event(event);
 		hs_source *source = ear.add_source(node_name);
-		EXPECT_TRUE(publish(source));
+		EXPECT_TRUE(bed.publish(source));
 		return source;
 	}
 
@@ -138,7 +110,7 @@ TEST_F(DBusMethods, ADisturbanceIsToldToEveryInstanceOfTheDevice)
 	hs_source *elsewhere = nose.add_source("AudioDevice1Input0.Unprocessed");
 	bed.run([&] {
 		for (hs_source *source : {first, second, elsewhere})
-			ASSERT_TRUE(publish(source));
+			ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(indicate(continuous, "b", 1), "");
 		EXPECT_EQ(indicate(continuous, "b", 0), "");
 		EXPECT_EQ(indicate(internal_speaker, "b", 1), "");
@@ -158,7 +130,7 @@ TEST_F(DBusMethods, ADisturbanceCanBeToldOnAPrivateBus)
 	hs_source *source = ear.add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(bus.client.call(chain_path, HS_DBUS_CHAIN_INTERFACE, continuous, "b", 1), "");
 		EXPECT_TRUE(bus.client.ping());
 	});
@@ -171,7 +143,7 @@ TEST_F(DBusMethods, ATransientDisturbanceCountsThePluginsCounterUp)
 	ear.transient_count = 41;
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(indicate(transient), "");
 		EXPECT_TRUE(bed.client.ping());
 	});
@@ -183,7 +155,7 @@ TEST_F(DBusMethods, ATransientDisturbanceIsNoErrorForAPluginThatDoesNotCount)
 	hs_paper_plugin &ear = bed.add_plugin("Ear");
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(indicate(transient), "");
 		EXPECT_TRUE(bed.client.ping());
 	});
@@ -197,7 +169,7 @@ TEST_F(DBusMethods, WhatIsToldIsNotStored)
 	ear.add_setting({.title = continuous, .type = "boolean", .value = "false"});
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(indicate(continuous, "b", 1), "");
 		EXPECT_TRUE(bed.client.ping());
 	});
@@ -212,7 +184,7 @@ TEST_F(DBusMethods, ADisturbanceOfADeviceWithoutInstancesSucceedsAndDoesNothing)
 	ear.transient_count = 0;
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		source->device_path = "/com/orvel/HearSense/Elsewhere";
 		EXPECT_EQ(indicate(continuous, "b", 1), "");
 		EXPECT_EQ(indicate(internal_speaker, "b", 1), "");
@@ -230,7 +202,7 @@ TEST_F(DBusMethods, TheCallerIsAnsweredBeforeThePluginIsAsked)
 	ear.transient_count = 0;
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(indicate(continuous, "b", 1), "");
 		EXPECT_EQ(indicate(internal_speaker, "b", 1), "");
 		EXPECT_EQ(indicate(transient), "");
@@ -248,7 +220,7 @@ TEST_F(DBusMethods, TheFirstInstanceThatRefusesKeepsTheOthersFromHearing)
 	hs_source *sources[] = {ear.add_source(node_name), nose.add_source(node_name), eye.add_source(node_name)};
 	bed.run([&] {
 		for (hs_source *source : sources)
-			ASSERT_TRUE(publish(source));
+			ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(indicate(continuous, "b", 1), "");
 		EXPECT_TRUE(bed.client.ping());
 	});
@@ -262,7 +234,7 @@ TEST_F(DBusMethods, AWrongArgumentDoesNotReachThePlugin)
 	hs_paper_plugin &ear = bed.add_plugin("Ear");
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(indicate(continuous, "i", 1).rfind(SD_BUS_ERROR_INVALID_ARGS, 0), 0u);
 		EXPECT_EQ(indicate(internal_speaker).rfind(SD_BUS_ERROR_INVALID_ARGS, 0), 0u);
 		EXPECT_EQ(indicate(transient, "b", 1).rfind(SD_BUS_ERROR_INVALID_ARGS, 0), 0u);
@@ -273,12 +245,12 @@ TEST_F(DBusMethods, AWrongArgumentDoesNotReachThePlugin)
 TEST_F(DBusMethods, ACallThatCannotBeReadSaysSo)
 {
 	hs_source *source = bed.add_plugin("Ear").add_source(node_name);
-	bed.run([&] { ASSERT_TRUE(publish(source)); });
+	bed.run([&] { ASSERT_TRUE(bed.publish(source)); });
 	const std::pair<const char *, sd_bus_message_handler_t> methods[] = {
 		{internal_speaker, hs_dbus_indicate_internal_speaker_active},
 		{continuous, hs_dbus_indicate_continuous_audio_disturbance}};
 	for (const auto &[name, handler] : methods) {
-		const hs_message_ptr message = unsealed_call(chain_path, HS_DBUS_CHAIN_INTERFACE, name);
+		const hs_message_ptr message = bed.unsealed_call(chain_path, HS_DBUS_CHAIN_INTERFACE, name);
 		EXPECT_EQ(handler(message.get(), record(name), &error), -EPERM);
 		EXPECT_STREQ(error.name, "com.orvel.HearSense.Error");
 		EXPECT_EQ(error.message, "Error while parsing " + std::string{name} + " method call.");
@@ -296,7 +268,7 @@ TEST_F(DBusMethods, ACallThatCannotBeAnsweredSaysSoAndDoesNothing)
 		return bus.client.call(chain_path, HS_DBUS_CHAIN_INTERFACE, name, types, values...);
 	};
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		keep_calls(bus.server);
 		ASSERT_EQ(call(continuous, "b", 1), "");
 		ASSERT_TRUE(bus.client.ping());
@@ -328,7 +300,7 @@ TEST_F(DBusMethods, ARefusalIsSetAsAnErrorAfterTheAnswer)
 	ear.transient_count = 0;
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		keep_calls(bed.context->bus);
 		ASSERT_EQ(indicate(continuous, "b", 1), "");
 		ASSERT_NE(kept, nullptr);
@@ -415,7 +387,7 @@ TEST_F(DBusTrigger, SaysSoWhereItCannotAnswer)
 {
 	bed.run([&] {
 		hs_source *source = publish_event(true);
-		const hs_message_ptr message = unsealed_call(ear_path, noise + ".Methods", "TriggerEvent");
+		const hs_message_ptr message = bed.unsealed_call(ear_path, noise + ".Methods", "TriggerEvent");
 		hs_dbus *method = bed.find_record(bed.context->bus, noise + ".Methods", "TriggerEvent");
 		EXPECT_LT(hs_dbus_trigger_event(message.get(), method, &error), 0);
 		EXPECT_STREQ(error.name, "com.orvel.HearSense.Error");
@@ -436,8 +408,9 @@ TEST_F(DBusTrigger, DoesNothingForATitleWithAPoint)
 	hs_props_add_object(source->events, {{"title", "A.Noise"}, {"type", "struct"}, {"complexType", "(b)"}, {"value", value}});
 	source->event_interfaces = {"com.orvel.HearSense.Events.Ear.A.Noise"};
 	source->event_indices = {0};
+	source->event_published = {false};
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(bed.client.call(ear_path, "com.orvel.HearSense.Events.Ear.A.Noise.Methods", "TriggerEvent"), "");
 		EXPECT_TRUE(bed.capture.contains(SPA_LOG_LEVEL_ERROR, "Failed to set value ")) << bed.capture.text();
 		EXPECT_TRUE(bed.capture.contains(SPA_LOG_LEVEL_ERROR, " for props title Noise"));

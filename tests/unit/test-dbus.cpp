@@ -11,7 +11,6 @@
 
 #include "bus-bed.hpp"
 #include "failing-new.hpp"
-#include "private-bus.hpp"
 #include "refcount.hpp"
 
 namespace {
@@ -38,30 +37,6 @@ protected:
 		ear.add_event({.title = "Noise", .is_public = true});
 		ear.add_event({.title = "Crack"});
 		return ear;
-	}
-
-	bool publish_shared(hs_source *source)
-	{
-		bool done = true;
-		for (sd_bus *bus : buses()) {
-			done = hs_dbus_setup_audio_chain_interface(source, bus) && done;
-			done = hs_dbus_setup_source_interface(source, bus) && done;
-		}
-		return done;
-	}
-
-	bool publish(hs_source *source)
-	{
-		return publish_shared(source) && hs_dbus_setup_plugin_interfaces(source);
-	}
-
-	std::vector<sd_bus *> buses()
-	{
-		std::vector<sd_bus *> all{bed.context->bus};
-		void *cursor = nullptr;
-		while (sd_bus *bus = hs_loop_bus_iterate(bed.context->loop, &cursor))
-			all.push_back(bus);
-		return all;
 	}
 
 	void set_status(sd_bus *bus, const char *title, hs_source *source, bool enabled)
@@ -136,21 +111,6 @@ TEST_F(DBus, GetPrivateBusCanBePublishedOnceOnly)
 	});
 }
 
-TEST_F(DBus, ACallOfGetPrivateBusThatCannotBeReadFails)
-{
-	ASSERT_TRUE(hs_dbus_init_private_bus());
-	sd_bus_message *message = nullptr;
-	sd_bus_message_new_method_call(bed.context->bus, &message, HS_DBUS_SERVICE, "/", HS_DBUS_SERVICE,
-				       "GetPrivateBus");
-	const hs_message_ptr unsealed{message};
-	sd_bus_error error = SD_BUS_ERROR_NULL;
-	hs_dbus *record = bed.find_record(bed.context->bus, HS_DBUS_SERVICE, "GetPrivateBus");
-	EXPECT_LT(hs_private_bus_get(message, record, &error), 0);
-	EXPECT_STREQ(error.name, "com.orvel.HearSense.Error");
-	EXPECT_STREQ(error.message, "Cannot create private bus.");
-	sd_bus_error_free(&error);
-}
-
 TEST_F(DBus, TheNodeIsAnObjectOnEveryBus)
 {
 	hs_source *source = add_ear().add_source(node_name);
@@ -203,9 +163,9 @@ TEST_F(DBus, ASecondPluginOnANodeFindsTheSharedObjectsPublished)
 	hs_source *second = bed.add_plugin("Nose").add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(first));
+		ASSERT_TRUE(bed.publish(first));
 		const size_t before = bed.count_records();
-		EXPECT_TRUE(publish_shared(second));
+		EXPECT_TRUE(bed.publish_shared(second));
 		EXPECT_EQ(bed.count_records(), before);
 		for (hs_bus_client *client : {&bed.client, &bus.client}) {
 			ASSERT_TRUE(client->ping());
@@ -258,7 +218,7 @@ TEST_F(DBus, AnInstanceTellsItsNodeOnEveryBus)
 	hs_source *source = add_ear().add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		for (hs_bus_client *client : {&bed.client, &bus.client}) {
 			EXPECT_EQ(members_of(*client, ear_path, HS_DBUS_INSTANCE_INTERFACE),
 				  strings{"com.orvel.HearSense.PluginInstance.Source o const"});
@@ -275,7 +235,7 @@ TEST_F(DBus, ANodeWithoutAPointIsProcessed)
 {
 	hs_source *source = add_ear().add_source("Mic");
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(bed.client.get("/com/orvel/HearSense/Mic/Processed", HS_DBUS_SOURCE_INTERFACE, "AudioChain"),
 			  "o \"/com/orvel/HearSense/Mic\"");
 		EXPECT_EQ(bed.client.get("/com/orvel/HearSense/Mic", HS_DBUS_CHAIN_INTERFACE, "Id"), "s \"Mic\"");
@@ -290,9 +250,9 @@ TEST_F(DBus, ANodeWhoseDeviceHasNoObjectPathDoesNotSpoilTheTree)
 	hs_source *source = ear.add_source("Mic-1");
 	hs_source *other = ear.add_source(node_name);
 	bed.run([&] {
-		EXPECT_FALSE(publish_shared(source));
+		EXPECT_FALSE(bed.publish_shared(source));
 		EXPECT_TRUE(hs_dbus_setup_plugin_interfaces(source));
-		ASSERT_TRUE(publish(other));
+		ASSERT_TRUE(bed.publish(other));
 		EXPECT_EQ(bed.client.get("/com/orvel/HearSense/Mic_1/Processed", HS_DBUS_SOURCE_INTERFACE, "Id"),
 			  "s \"Mic-1\"");
 		const std::string tree = bed.client.call("/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects");
@@ -320,7 +280,7 @@ TEST_F(DBus, SettingsAreWritableAndOnTheMainBusOnly)
 	hs_source *source = ear.add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		strings expected;
 		for (const char *member : {"Schema s const", "Enable b writable", "Count u writable", "Offset i writable",
 					   "Long x writable", "Gain d writable", "Level d writable", "Word s writable"})
@@ -346,7 +306,7 @@ TEST_F(DBus, ASettingWithoutAScalarTypeIsReportedAndTheOthersArePublished)
 	ear.add_setting({.title = "Last", .type = "boolean"});
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		EXPECT_TRUE(publish(source));
+		EXPECT_TRUE(bed.publish(source));
 		for (const char *name : {"List", "Pair", "Naked", "Odd", "None", "no name"})
 			EXPECT_EQ(errors("Failed to setup dbus setting " + std::string{ear_path} + ", " + ear_settings + ", " +
 					 name + " with error: Invalid argument"),
@@ -367,7 +327,7 @@ TEST_F(DBus, WhatHasNoTitleIsNoSetting)
 	pw_properties_set(source->settings, "path", "/settings/Ear.conf");
 	hs_props_add_object(source->settings, {{"name", "untitled"}, {"type", "boolean"}, {"value", "true"}});
 	bed.run([&] {
-		EXPECT_TRUE(publish(source));
+		EXPECT_TRUE(bed.publish(source));
 		EXPECT_EQ(members_of(bed.client, ear_path, ear_settings),
 			  strings{std::string{ear_settings} + ".Schema s const"});
 	});
@@ -380,7 +340,7 @@ TEST_F(DBus, PublicEventsAreOnTheMainBusAndOthersOnPrivateBuses)
 	private_bus &first = bed.add_private();
 	private_bus &second = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		const auto with_value = [](const std::string &interface, const char *value) {
 			strings all = event_members(interface);
 			all.insert(all.begin(), interface + "." + value);
@@ -398,29 +358,30 @@ TEST_F(DBus, PublicEventsAreOnTheMainBusAndOthersOnPrivateBuses)
 	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
 }
 
+struct typed_event {
+	const char *title;
+	const char *type;
+	const char *value;
+	const char *complex_type;
+	const char *text;
+};
+constexpr typed_event events_of_every_type[] = {
+	{"Bool", "boolean", "true", "", "b true"},
+	{"Unsigned", "uint32", "7", "", "u 7"},
+	{"Int", "int32", "-7", "", "i -7"},
+	{"Long", "int64", "8", "", "x 8"},
+	{"Float", "float", "0.5", "", "d 0.5"},
+	{"Double", "double", "1.5", "", "d 1.5"},
+	{"Text", "string", "word", "", "s \"word\""},
+	{"List", "array", "[ 1, 2 ]", "ai", "ai [1, 2]"},
+	{"Words", "array", "[ one, two ]", "as", "as [\"one\", \"two\"]"},
+	{"Pair", "struct", "{ \"A\": \"true\", \"B\": \"3\" }", "(bu)", "a{sv} [\"A\": b true, \"B\": u 3]"},
+};
+
 TEST_F(DBus, EventsOfEveryTypeArePublished)
 {
 	hs_paper_plugin &ear = bed.add_plugin("Ear");
-	struct typed_event {
-		const char *title;
-		const char *type;
-		const char *value;
-		const char *complex_type;
-		const char *text;
-	};
-	const typed_event events[] = {
-		{"Bool", "boolean", "true", "", "b true"},
-		{"Unsigned", "uint32", "7", "", "u 7"},
-		{"Int", "int32", "-7", "", "i -7"},
-		{"Long", "int64", "8", "", "x 8"},
-		{"Float", "float", "0.5", "", "d 0.5"},
-		{"Double", "double", "1.5", "", "d 1.5"},
-		{"Text", "string", "word", "", "s \"word\""},
-		{"List", "array", "[ 1, 2 ]", "ai", "ai [1, 2]"},
-		{"Words", "array", "[ one, two ]", "as", "as [\"one\", \"two\"]"},
-		{"Pair", "struct", "{ \"A\": \"true\", \"B\": \"3\" }", "(bu)", "a{sv} [\"A\": b true, \"B\": u 3]"},
-	};
-	for (const typed_event &event : events)
+	for (const typed_event &event : events_of_every_type)
 		ear.add_event({.title = event.title,
 			       .type = event.type,
 			       .value = event.value,
@@ -428,8 +389,8 @@ TEST_F(DBus, EventsOfEveryTypeArePublished)
 			       .is_public = true});
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
-		for (const typed_event &event : events)
+		ASSERT_TRUE(bed.publish(source));
+		for (const typed_event &event : events_of_every_type)
 			EXPECT_EQ(bed.client.get(ear_path, std::string{HS_DBUS_EVENTS_PREFIX} + "Ear." + event.title,
 						 event.title),
 				  event.text);
@@ -442,7 +403,7 @@ TEST_F(DBus, PublicEventsAreEnabledOnTheMainBusAndOthersNowhere)
 	hs_source *source = add_ear().add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(source->consumers, 1u);
 		EXPECT_EQ(bed.client.get(ear_path, noise_interface, "EnableEvent"), "b true");
 		EXPECT_EQ(bus.client.get(ear_path, crack_interface, "EnableEvent"), "b false");
@@ -458,7 +419,7 @@ TEST_F(DBus, AnEventThatCannotBePublishedIsReportedAndAPublicOneStillCounts)
 	hs_source *source = ear.add_source(node_name);
 	bed.add_private();
 	bed.run([&] {
-		EXPECT_TRUE(publish(source));
+		EXPECT_TRUE(bed.publish(source));
 		EXPECT_EQ(errors("Failed to setup dbus event " + std::string{ear_path} +
 				 ", com.orvel.HearSense.Events.Ear.no name, no name with error: Invalid argument"),
 			  1u)
@@ -479,7 +440,7 @@ TEST_F(DBus, AnEventNamedLikeOneOfItsPropertiesIsReported)
 	ear.add_event({.title = "NiceName", .type = "string", .value = "mine", .is_public = true});
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		EXPECT_TRUE(publish(source));
+		EXPECT_TRUE(bed.publish(source));
 		EXPECT_EQ(errors("Failed to setup dbus property " + std::string{ear_path} +
 				 ", com.orvel.HearSense.Events.Ear.NiceName, NiceName with error: File exists"),
 			  1u)
@@ -507,7 +468,7 @@ TEST_F(DBus, EventsThatTellADetectionCanBeTriggeredOnTheMainBus)
 	hs_source *source = ear.add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		const std::string prefix = std::string{HS_DBUS_EVENTS_PREFIX} + "Ear.";
 		for (const char *title : {"Open", "Closed", "Text"}) {
 			const std::string interface = prefix + title + ".Methods";
@@ -527,7 +488,7 @@ TEST_F(DBus, ATriggerThatCannotBePublishedStopsTheInstance)
 	ear.add_event({.title = "Last", .is_public = true});
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		EXPECT_FALSE(publish(source));
+		EXPECT_FALSE(bed.publish(source));
 		EXPECT_EQ(members_of(bed.client, ear_path, "com.orvel.HearSense.Events.Ear.Last"), strings{});
 		EXPECT_EQ(bed.client.count_objects("InterfacesAdded", ear_path), 0u);
 		EXPECT_FALSE(source->holds_paths);
@@ -540,7 +501,7 @@ TEST_F(DBus, AnInstanceWithoutEventsIsPublishedToo)
 	hs_source *source = bed.add_plugin("Ear").add_source(node_name);
 	pw_properties_free(std::exchange(source->events, nullptr));
 	bed.run([&] {
-		EXPECT_TRUE(publish(source));
+		EXPECT_TRUE(bed.publish(source));
 		EXPECT_EQ(bed.client.get(ear_path, HS_DBUS_INSTANCE_INTERFACE, "Source"),
 			  "o \"" + std::string{node_path} + "\"");
 	});
@@ -554,7 +515,7 @@ TEST_F(DBus, TheAnnouncementOfAnInstanceHoldsAllItsInterfaces)
 	hs_source *source = ear.add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		for (hs_bus_client *client : {&bed.client, &bus.client}) {
 			ASSERT_TRUE(client->ping());
 			const strings added = client->contents("/", "InterfacesAdded");
@@ -603,7 +564,7 @@ TEST_F(DBus, EveryInstanceCountsOnItsNodeAndItsDevice)
 	bed.run([&] {
 		for (hs_source *source : {first, second, third}) {
 			EXPECT_FALSE(source->holds_paths);
-			ASSERT_TRUE(publish(source));
+			ASSERT_TRUE(bed.publish(source));
 			EXPECT_TRUE(source->holds_paths);
 		}
 	});
@@ -617,8 +578,8 @@ TEST_F(DBus, AnInstanceWhoseNameIsTakenIsNotPublishedAndDoesNotCount)
 	hs_source *first = add_ear().add_source(node_name);
 	hs_source *twin = bed.add_plugin("Ear").add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(first));
-		EXPECT_FALSE(publish(twin));
+		ASSERT_TRUE(bed.publish(first));
+		EXPECT_FALSE(bed.publish(twin));
 		EXPECT_FALSE(twin->holds_paths);
 	});
 	EXPECT_EQ(errors("Failed to setup dbus property " + std::string{ear_path} +
@@ -642,7 +603,7 @@ TEST_F(DBus, AnInstanceInterfaceThatFailsOnAPrivateBusDoesNotStopTheRest)
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
 		ASSERT_TRUE(hs_dbus_setup_plugin_instance_interface(source, bus.server));
-		EXPECT_TRUE(publish(source));
+		EXPECT_TRUE(bed.publish(source));
 		EXPECT_EQ(errors("Could not set up D-Bus Plugin Instance interface on system bus for source "
 				 "'AudioDevice0Input0.Unprocessed'"),
 			  1u)
@@ -657,7 +618,7 @@ TEST_F(DBus, GetManagedObjectsListsTheWholeTree)
 	hs_source *source = add_ear().add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		for (hs_bus_client *client : {&bed.client, &bus.client}) {
 			const std::string tree = client->call("/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects");
 			for (const char *path : {chain_path, node_path, ear_path})
@@ -671,7 +632,7 @@ TEST_F(DBus, APublicEventIsSignalledOnTheMainBusOnly)
 	hs_source *source = add_ear().add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		hs_props_set_value(source->events, "Noise", "true");
 		hs_dbus_emit_event(source, "Noise", false);
 		ASSERT_TRUE(bed.client.ping());
@@ -687,7 +648,7 @@ TEST_F(DBus, ADisabledPublicEventIsSignalledByForceOnly)
 {
 	hs_source *source = add_ear().add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		set_status(bed.context->bus, "Noise", source, false);
 		hs_dbus_emit_event(source, "Noise", false);
 		ASSERT_TRUE(bed.client.ping());
@@ -704,7 +665,7 @@ TEST_F(DBus, APrivateEventIsSignalledWhereItIsEnabled)
 	private_bus &first = bed.add_private();
 	private_bus &second = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		const auto n_signals = [&](private_bus &bus) {
 			EXPECT_TRUE(bus.client.ping());
 			return bus.client.contents(ear_path, "PropertiesChanged").size();
@@ -729,11 +690,65 @@ TEST_F(DBus, APrivateEventIsSignalledWhereItIsEnabled)
 	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
 }
 
+TEST_F(DBus, EventsOfEveryTypeAreSignalledAsSdBusWouldSignalThem)
+{
+	hs_paper_plugin &ear = bed.add_plugin("Ear");
+	for (const typed_event &event : events_of_every_type)
+		ear.add_event({.title = event.title,
+			       .type = event.type,
+			       .value = event.value,
+			       .complex_type = event.complex_type});
+	hs_source *source = ear.add_source(node_name);
+	private_bus *buses[] = {&bed.add_private(), &bed.add_private(), &bed.add_private()};
+	bed.run([&] {
+		ASSERT_TRUE(bed.publish(source));
+		for (const typed_event &event : events_of_every_type) {
+			for (private_bus *bus : buses)
+				set_status(bus->server, event.title, source, true);
+			hs_dbus_emit_event(source, event.title, false);
+			const std::string interface = std::string{HS_DBUS_EVENTS_PREFIX} + "Ear." + event.title;
+			for (private_bus *bus : buses) {
+				sd_bus_emit_properties_changed(bus->server, ear_path, interface.c_str(), event.title, nullptr);
+				ASSERT_TRUE(bus->client.ping());
+				const strings both = bus->client.contents(ear_path, "PropertiesChanged");
+				bus->client.forget_signals();
+				ASSERT_EQ(both.size(), 2u);
+				EXPECT_EQ(both[0], both[1]);
+				EXPECT_EQ(both[0], change(interface, "\"" + std::string{event.title} + "\": " + event.text));
+			}
+		}
+	});
+	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
+}
+
+TEST_F(DBus, AnEventThatOneBusLacksIsSignalledOnTheOthersAndWarnedOfEachTime)
+{
+	hs_source *source = add_ear().add_source(node_name);
+	private_bus &whole = bed.add_private();
+	private_bus &lacking = bed.add_private();
+	int value = 0;
+	const sd_bus_vtable taken[] = {
+		SD_BUS_VTABLE_START(0),
+		SD_BUS_PROPERTY("Crack", "b", nullptr, 0, SD_BUS_VTABLE_PROPERTY_CONST),
+		SD_BUS_VTABLE_END,
+	};
+	bed.run([&] {
+		sd_bus_add_object_vtable(lacking.server, nullptr, ear_path, crack_interface, taken, &value);
+		ASSERT_TRUE(bed.publish(source));
+		bed.capture.clear();
+		for (int i = 0; i < 2; ++i)
+			hs_dbus_emit_event(source, "Crack", true);
+		ASSERT_TRUE(whole.client.ping());
+		EXPECT_EQ(whole.client.contents(ear_path, "PropertiesChanged").size(), 2u);
+		EXPECT_EQ(bed.capture.complaints(), 2u) << bed.capture.text();
+	});
+}
+
 TEST_F(DBus, AnUnknownEventIsNotSignalled)
 {
 	hs_source *source = add_ear().add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		hs_dbus_emit_event(source, "Other", true);
 		ASSERT_TRUE(bed.client.ping());
 		EXPECT_EQ(bed.client.contents(ear_path, "PropertiesChanged"), strings{});
@@ -744,7 +759,7 @@ TEST_F(DBus, AnUnknownEventIsNotSignalled)
 TEST_F(DBus, NothingIsSignalledOnAMainBusThatIsNotAttached)
 {
 	hs_source *source = add_ear().add_source(node_name);
-	bed.run([&] { ASSERT_TRUE(publish(source)); });
+	bed.run([&] { ASSERT_TRUE(bed.publish(source)); });
 	hs_dbus_emit_event(source, "Noise", true);
 	bed.run([&] {
 		ASSERT_TRUE(bed.client.ping());
@@ -778,8 +793,11 @@ TEST_F(DBus, ASignalToAClientThatHasLeftIsNoComplaint)
 	hs_source *source = add_ear().add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		sd_bus_close(bus.server);
+		hs_dbus_emit_event(source, "Crack", true);
+		/* Nor is its value read, which would be one. */
+		hs_props_set_value(source->events, "Crack", "perhaps");
 		hs_dbus_emit_event(source, "Crack", true);
 		EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
 	});
@@ -789,7 +807,7 @@ TEST_F(DBus, DestroyingARecordTakesItsMemberOffTheBus)
 {
 	hs_source *source = add_ear().add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		hs_dbus *record = bed.find_record(bed.context->bus, HS_DBUS_CHAIN_INTERFACE, "NiceName");
 		ASSERT_NE(record, nullptr);
 		const size_t before = bed.count_records();
@@ -818,7 +836,7 @@ TEST_F(DBus, ARecordTellsWhatWasRegistered)
 	hs_source *source = ear.add_source(node_name);
 	sd_bus *bus = bed.context->bus;
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		const hs_dbus *gain = bed.find_record(bus, ear_settings, "Gain");
 		ASSERT_NE(gain, nullptr);
 		EXPECT_EQ(gain->type, "float");
@@ -844,7 +862,7 @@ TEST_F(DBus, NamesNeedNotOutliveTheirTable)
 	ear.add_setting({.title = "Gain", .type = "float", .value = "0.5"});
 	hs_source *source = ear.add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		hs_dbus *gain = bed.find_record(bed.context->bus, ear_settings, "Gain");
 		EXPECT_EQ(gain->vtable[1].x.property.member, gain->name.c_str());
 		pw_properties_clear(source->settings);
@@ -860,7 +878,7 @@ TEST_F(DBus, RemovingTheLastSourceTakesEverythingOffEveryBus)
 	hs_source *source = add_ear().add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		hs_dbus_remove_source(source);
 		EXPECT_EQ(bed.count_records(), 1u);
 		for (hs_bus_client *client : {&bed.client, &bus.client}) {
@@ -878,8 +896,8 @@ TEST_F(DBus, ASharedObjectIsHandedToAnotherSourceOnTheNode)
 	hs_source *second = bed.add_plugin("Nose").add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(first));
-		ASSERT_TRUE(publish(second));
+		ASSERT_TRUE(bed.publish(first));
+		ASSERT_TRUE(bed.publish(second));
 		hs_dbus_remove_source(first);
 		hs_source_destroy(first);
 
@@ -922,7 +940,7 @@ TEST_F(DBus, TheDeviceIsHandedToAnotherOfItsNodesAndTheNodeGoes)
 	hs_source *elsewhere = ear.add_source("AudioDevice1Input0.Unprocessed");
 	bed.run([&] {
 		for (hs_source *source : {elsewhere, first, second})
-			ASSERT_TRUE(publish(source));
+			ASSERT_TRUE(bed.publish(source));
 		hs_dbus_remove_source(first);
 		EXPECT_EQ(bed.members(bed.client, node_path), strings{});
 		EXPECT_EQ(bed.members(bed.client, chain_path).size(), 6u);
@@ -938,7 +956,7 @@ TEST_F(DBus, ASourceThatWasNotPublishedInheritsNothing)
 	hs_source *first = add_ear().add_source(node_name);
 	hs_source *waiting = bed.add_plugin("Nose").add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(first));
+		ASSERT_TRUE(bed.publish(first));
 		ASSERT_FALSE(waiting->holds_paths);
 		hs_dbus_remove_source(first);
 		EXPECT_EQ(bed.count_records(), 0u);
@@ -950,8 +968,8 @@ TEST_F(DBus, ASourceThatGoesLeavesTheMembersOfOthersAlone)
 	hs_source *first = add_ear().add_source(node_name);
 	hs_source *second = bed.add_plugin("Nose").add_source(node_name);
 	bed.run([&] {
-		ASSERT_TRUE(publish(first));
-		ASSERT_TRUE(publish(second));
+		ASSERT_TRUE(bed.publish(first));
+		ASSERT_TRUE(bed.publish(second));
 		hs_dbus_remove_source(second);
 		EXPECT_EQ(bed.find_record(bed.context->bus, HS_DBUS_SOURCE_INTERFACE, "Id")->owner, first);
 		EXPECT_EQ(bed.client.get(ear_path, noise_interface, "Noise"), "b false");
@@ -964,7 +982,7 @@ TEST_F(DBus, RemovingABusTakesItsMembersOnly)
 	hs_source *source = add_ear().add_source(node_name);
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
-		ASSERT_TRUE(publish(source));
+		ASSERT_TRUE(bed.publish(source));
 		hs_dbus_remove_bus(bus.server);
 		for (const char *path : {chain_path, node_path, ear_path}) {
 			EXPECT_EQ(bed.members(bus.client, path), strings{}) << path;

@@ -18,12 +18,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "bus-client.hpp"
 #include "context.hpp"
+#include "descriptors.hpp"
 #include "failing-new.hpp"
 #include "log-capture.hpp"
 #include "loop-bed.hpp"
@@ -37,6 +37,8 @@ struct failing_bus {
 	sd_bus *bus;
 	int events;
 	int timeout;
+	/** Where it is not 0. */
+	uint64_t n_queued;
 };
 
 failing_bus failing;
@@ -84,6 +86,15 @@ int __wrap_sd_bus_get_timeout(sd_bus *bus, uint64_t *usec)
 	return bus == failing.bus && failing.timeout < 0 ? failing.timeout : __real_sd_bus_get_timeout(bus, usec);
 }
 
+int __real_sd_bus_get_n_queued_write(sd_bus *bus, uint64_t *count);
+int __wrap_sd_bus_get_n_queued_write(sd_bus *bus, uint64_t *count)
+{
+	const int r = __real_sd_bus_get_n_queued_write(bus, count);
+	if (bus == failing.bus && failing.n_queued > 0)
+		*count = failing.n_queued;
+	return r;
+}
+
 int __real_sd_bus_process(sd_bus *bus, sd_bus_message **message);
 int __wrap_sd_bus_process(sd_bus *bus, sd_bus_message **message)
 {
@@ -100,46 +111,6 @@ std::string pointer(const void *p)
 	std::snprintf(text, sizeof(text), "%p", p);
 	return text;
 }
-
-/** The descriptor that the next open gets. */
-int next_descriptor()
-{
-	const int fd = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
-	close(fd);
-	return fd;
-}
-
-size_t count_descriptors()
-{
-	size_t n = 0;
-	for (int fd = 0; fd < 1024; ++fd)
-		n += fcntl(fd, F_GETFD) >= 0;
-	return n;
-}
-
-/** No more descriptors than those below `limit`, while the object lives. */
-class descriptor_limit
-{
-public:
-	explicit descriptor_limit(int limit)
-	{
-		getrlimit(RLIMIT_NOFILE, &previous);
-		rlimit lower = previous;
-		lower.rlim_cur = static_cast<rlim_t>(limit);
-		setrlimit(RLIMIT_NOFILE, &lower);
-	}
-
-	~descriptor_limit()
-	{
-		setrlimit(RLIMIT_NOFILE, &previous);
-	}
-
-	descriptor_limit(const descriptor_limit &) = delete;
-	descriptor_limit &operator=(const descriptor_limit &) = delete;
-
-private:
-	rlimit previous;
-};
 
 class Loop : public testing::Test
 {
@@ -338,16 +309,16 @@ TEST_F(Loop, ABusForWhichALoopSourceFailsIsNotAttachedAndLeavesNothingBehind)
 	/* Looked up before: the sanitizer that checks objects takes descriptors for it. */
 	hs_loop *loop = bed.get();
 	sd_bus *server = pair.server.get();
-	const size_t before = count_descriptors();
-	const int first = next_descriptor();
+	const size_t before = hs_count_descriptors();
+	const int first = hs_next_descriptor();
 	/* Room for nothing, for the bus's own descriptor, and for the timer's. */
 	for (int room = 0; room < 3; ++room) {
-		const descriptor_limit limit{first + room};
+		const hs_descriptor_limit limit{first + room};
 		EXPECT_FALSE(hs_loop_add_bus(loop, server)) << room;
 		EXPECT_EQ(hs_loop_run(loop, server), -1) << room;
 	}
 	EXPECT_EQ(count_private(), 0u);
-	EXPECT_EQ(count_descriptors(), before);
+	EXPECT_EQ(hs_count_descriptors(), before);
 	/* The caller has kept its reference. */
 	EXPECT_EQ(sd_bus_is_open(pair.server.get()), 1);
 }
@@ -733,7 +704,7 @@ TEST_F(Loop, QuitsWhenABusCannotTellItsEvents)
 {
 	int socket;
 	sd_bus *bus = add_silent(&socket);
-	EXPECT_GE(bed.run_until_quit(main_bus(), [&] { failing = {bus, -EINVAL, 0}; }), 0);
+	EXPECT_GE(bed.run_until_quit(main_bus(), [&] { failing = {bus, -EINVAL, 0, 0}; }), 0);
 	EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_WARN,
 				     "Could not get events for bus " + pointer(bus) + ": Invalid argument"))
 		<< capture.text();
@@ -745,7 +716,7 @@ TEST_F(Loop, QuitsWhenABusCannotTellItsEvents)
 
 TEST_F(Loop, QuitsWhenABusCannotTellItsTimeout)
 {
-	EXPECT_GE(bed.run_until_quit(main_bus(), [this] { failing = {main_bus(), 0, -EIO}; }), 0);
+	EXPECT_GE(bed.run_until_quit(main_bus(), [this] { failing = {main_bus(), 0, -EIO, 0}; }), 0);
 	EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_WARN, "Could not get timeout on bus " + pointer(main_bus()) +
 								 ": Input/output error"))
 		<< capture.text();
@@ -781,18 +752,72 @@ TEST_F(Loop, QuitsWhenSdBusHasClosedTheMainBus)
 	EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_INFO, "Exiting."));
 }
 
+TEST_F(Loop, DropsABusWithMoreThan1024UnreadMessagesBeforeThePollOnly)
+{
+	int socket;
+	sd_bus *bus = add_silent(&socket);
+	run([&] {
+		failing = {bus, 0, 0, 1024};
+		bed.step();
+		bed.step();
+		EXPECT_TRUE(is_attached(bus));
+		EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+		failing.n_queued = 1025;
+		bool enabled = true;
+		EXPECT_TRUE(hs_loop_bus_get_event_status(bed.get(), bus, nullptr, "Noise", &enabled));
+		EXPECT_TRUE(wait([&] { return !is_attached(bus); }));
+	});
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Closing private bus " + pointer(bus) +
+							    " of user 0: its client has left 1025 messages unread"),
+		  1u)
+		<< capture.text();
+	EXPECT_EQ(capture.complaints(), 1u);
+	EXPECT_TRUE(hs_peer_is_gone(socket));
+	close(socket);
+}
+
+TEST_F(Loop, NeverDropsTheMainBusForItsUnreadMessages)
+{
+	run([&] {
+		failing = {main_bus(), 0, 0, 100000};
+		bed.step();
+		bed.step();
+		EXPECT_TRUE(main_client().ping());
+	});
+	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+}
+
+TEST_F(Loop, DoesNotReArmWhatHasNotChanged)
+{
+	const int own_fd = hs_next_descriptor();
+	int socket;
+	add_silent(&socket);
+	const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+	run([&] {
+		bed.step();
+		/* From here on the kernel would refuse: of the input's duplicate and of the timer. */
+		ASSERT_EQ(dup2(nothing, own_fd + 2), own_fd + 2);
+		ASSERT_EQ(dup2(nothing, own_fd + 3), own_fd + 3);
+		capture.clear();
+		bed.step();
+		bed.step();
+		EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+	});
+	close(nothing);
+	close(socket);
+}
+
 TEST_F(Loop, AFailureToReArmOneSourceDoesNotKeepTheOthersFromIt)
 {
-	const int own_fd = next_descriptor();
+	const int own_fd = hs_next_descriptor();
 	int silent_socket;
 	/* The bus and its client take the next two, then come the loop's duplicate and the timer. */
 	sd_bus *bus = add_silent(&silent_socket);
 	const int timer_fd = own_fd + 3;
 	const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+	ASSERT_EQ(dup2(nothing, timer_fd), timer_fd);
 	run([&] {
-		bed.step();
 		capture.clear();
-		ASSERT_EQ(dup2(nothing, timer_fd), timer_fd);
 		bed.step();
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not update timer source for bus " + pointer(bus) + "."), 1u)
 			<< capture.text();
@@ -806,12 +831,12 @@ TEST_F(Loop, AFailureToReArmOneSourceDoesNotKeepTheOthersFromIt)
 
 TEST_F(Loop, AFailureToReArmTheInputIsTriedAgainAtTheNextPoll)
 {
-	const int io_fd = next_descriptor() + 2;
+	const int io_fd = hs_next_descriptor() + 2;
 	int socket;
 	sd_bus *bus = add_silent(&socket);
 	const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+	ASSERT_EQ(dup2(nothing, io_fd), io_fd);
 	run([&] {
-		ASSERT_EQ(dup2(nothing, io_fd), io_fd);
 		capture.clear();
 		bed.step();
 		bed.step();
@@ -822,6 +847,27 @@ TEST_F(Loop, AFailureToReArmTheInputIsTriedAgainAtTheNextPoll)
 	});
 	close(nothing);
 	close(socket);
+}
+
+TEST_F(Loop, AnIdleSourceThatCannotBeSwitchedIsWarnedOfAndTheBusIsServed)
+{
+	/* The bus and its client take two, the loop's duplicate and the timer the next. */
+	const int idle_fd = hs_next_descriptor() + 4;
+	private_bus &bus = add_private();
+	const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+	run([&] {
+		rest();
+		ASSERT_EQ(dup2(nothing, idle_fd), idle_fd);
+		capture.clear();
+		EXPECT_TRUE(bus.client.ping());
+		rest();
+		EXPECT_GE(capture.count(SPA_LOG_LEVEL_WARN, "Could not disable idle source for bus " + pointer(bus.server) + "."),
+			  1u)
+			<< capture.text();
+		EXPECT_EQ(capture.complaints(), capture.count(SPA_LOG_LEVEL_WARN, "Could not disable idle source for bus "));
+		EXPECT_TRUE(main_client().ping());
+	});
+	close(nothing);
 }
 
 TEST_F(Loop, IteratesOverPrivateBusesOnlyInTheirOrder)

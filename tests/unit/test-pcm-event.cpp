@@ -9,6 +9,7 @@
 
 #include "daemon-bed.hpp"
 #include "dbus.hpp"
+#include "event.hpp"
 #include "pcm.hpp"
 #include "pod.hpp"
 #include "props.hpp"
@@ -57,7 +58,7 @@ struct PcmEvent : testing::Test {
 			event->value[0] = '\0';
 		}
 		bool ignored;
-		return hs_pcm_update_event(&source, *event, report_changed ? report_changed : &ignored);
+		return hs_event_update(source.events, *event, report_changed ? report_changed : &ignored);
 	}
 
 	hs_properties_ptr events;

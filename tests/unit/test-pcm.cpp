@@ -16,6 +16,7 @@
 #include "pcm-format.hpp"
 #include "pod.hpp"
 #include "source.hpp"
+#include "stream-retire.hpp"
 
 namespace
 {
@@ -535,6 +536,36 @@ TEST_F(PcmStream, DestroyingSaysSoAndDeinitialisesThePausedInstance)
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stream + ": destroy stream"), 1u) << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, pcm + ": source disconnected"), 1u) << capture.text();
 	EXPECT_EQ(plugin->calls, calls{"deinit"});
+}
+
+TEST_F(PcmStream, OneThatIsStillBeingSetUpIsDestroyedOnceItIs)
+{
+	make_source();
+	ASSERT_EQ(pw_stream_get_state(source->pcm->stream, nullptr), PW_STREAM_STATE_CONNECTING);
+	const std::string stream = address(source->pcm->stream);
+	const hs_log_capture capture;
+	hs_pcm_destroy(source->pcm);
+	source->pcm = nullptr;
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stream + ": destroy stream"), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stream + ": destroy retired stream"), 0u) << capture.text();
+	/* The set-up, and what follows it. */
+	bed.settle();
+	bed.settle();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stream + ": destroy retired stream"), 1u) << capture.text();
+	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+	EXPECT_TRUE(spa_list_is_empty(&hs_context_get()->retired_streams));
+}
+
+TEST_F(PcmStream, OneThatNeverGetsSetUpIsDestroyedWithTheContext)
+{
+	make_source();
+	const std::string stream = address(source->pcm->stream);
+	hs_pcm_destroy(source->pcm);
+	source->pcm = nullptr;
+	const hs_log_capture capture;
+	hs_stream_retire_finish();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stream + ": destroy retired stream"), 1u) << capture.text();
+	EXPECT_TRUE(spa_list_is_empty(&hs_context_get()->retired_streams));
 }
 
 TEST_F(PcmStream, OtherParametersAreNoFormat)

@@ -125,6 +125,26 @@ class Daemon:
     def alive(self):
         return self.process.alive
 
+    def _status_kb(self, field):
+        with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
+            return int(next(line.split()[1] for line in status if line.startswith(field)))
+
+    def memory(self):
+        """Resident kilobytes."""
+        return self._status_kb("VmRSS")
+
+    def assert_grown_by_less(self, before, limit_kb, now=None):
+        """Says nothing with AddressSanitizer, which keeps what was freed, or under a wrapper such as valgrind."""
+        reserves_terabytes = self._status_kb("VmSize") > 1024**3
+        if not reserves_terabytes and not os.environ.get("HS_TEST_WRAPPER"):
+            assert (now or self.memory()) - before < limit_kb
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def threads(self):
+        return len(os.listdir(f"/proc/{self.pid}/task"))
+
     def log(self):
         return self.process.err()
 

@@ -164,6 +164,16 @@ class Graph:
             properties["node.name"] = name
         self.create("adapter", properties | extra, wait)
 
+    def keep_running(self, name):
+        """Listens to a microphone until the tests end.
+
+        The test source of PipeWire 0.3.65 falls silent for ever, for every client, when its only listener
+        comes and goes some hundred times within seconds.
+        """
+        file = self.folder / f"{name}.wav"
+        self._start("listener", ["pw-cat", "--record", "--target", name, "--rate", "8000", "--channels", "1", str(file)])
+        wait_until(lambda: file.exists() and file.stat().st_size > 4096, f"{name} to run")
+
     def quiet_microphone(self, name, media_class="Audio/Source", wait=True, **extra):
         """A microphone that offers a format and never delivers a buffer."""
         properties = {

@@ -4,17 +4,14 @@ HS_MANY_CLIENTS and HS_MANY_SECONDS ask for more than the suite has time for; mo
 need a build whose limits were raised.
 """
 
-import array
-import fcntl
 import os
 import resource
 import selectors
 import struct
-import termios
 import time
 
 import pytest
-from bed.client import PROPERTIES, SERVICE
+from bed.client import SERVICE
 from bed.private import PrivateClient, descriptor_client
 from bed.process import SCALE, wait_until
 from bed.stage import event
@@ -23,7 +20,7 @@ from jeepney.low_level import calc_msg_size
 
 CLIENTS = int(os.environ.get("HS_MANY_CLIENTS", "40"))
 SECONDS = float(os.environ.get("HS_MANY_SECONDS", "5"))
-STALLED = max(1, CLIENTS // 10)
+STALLED = max(1, CLIENTS // 20)
 RATE = 500
 TICK = 0.02
 #: More at once would be a burst and no rate.
@@ -31,7 +28,6 @@ MOST_AT_ONCE = 50
 CATCH_UP = 30
 ALLOWED_KB = 32 * 1024
 DESCRIPTORS_OF_A_BUS = 5
-LONG_NAME = "rustle " * 4096
 
 #: The first value can be found in a message by its bytes; the following values count up from it.
 FIRST = 0x4D617231
@@ -88,39 +84,12 @@ class Listener:
             self.rest = data[whole:]
 
 
-def memory(daemon):
-    """Resident kilobytes."""
-    with open(f"/proc/{daemon.pid}/status", encoding="ascii") as status:
-        return int(next(line.split()[1] for line in status if line.startswith("VmRSS")))
-
-
 def allow_descriptors(daemon):
     """What a service manager would raise for so many clients."""
     for pid, needed in ((daemon.pid, 100 + DESCRIPTORS_OF_A_BUS * CLIENTS), (os.getpid(), 100 + 3 * CLIENTS)):
         soft, hard = resource.prlimit(pid, resource.RLIMIT_NOFILE)
         if soft < needed:
             resource.prlimit(pid, resource.RLIMIT_NOFILE, (needed, max(needed, hard)))
-
-
-def waiting(sock):
-    """Bytes that have arrived and were not read."""
-    count = array.array("i", [0])
-    fcntl.ioctl(sock, termios.FIONREAD, count)
-    return count[0]
-
-
-def stop_reading(private, plugin, client):
-    """Fills the client's socket with answers that it does not read: what comes next stays with the daemon.
-
-    How much the socket takes depends on the daemon's user: without this, root could need half a minute.
-    """
-    before = -1
-    while (now := waiting(private.socket)) > before:
-        before = now
-        for _ in range(4):
-            private.send(plugin.path(), PROPERTIES, "Get", "ss", (plugin.event_interface("Rustle"), "NiceName"))
-        for _ in range(12):
-            client.call("/", "org.freedesktop.DBus.Peer", "Ping")
 
 
 def drain(private):
@@ -155,7 +124,7 @@ def test_stalled_clients_are_dropped_and_the_others_hear_every_event_in_order(be
     plugin = bed.plugin(
         enabled=True,
         events=[
-            event("Rustle", "int32", 0, public=False, info={"nice_name": LONG_NAME}),
+            event("Rustle", "int32", 0, public=False),
             event("Speech"),
         ],
     )
@@ -172,15 +141,13 @@ def test_stalled_clients_are_dropped_and_the_others_hear_every_event_in_order(be
     bed.clients.extend(clients)
     for private in clients:
         private.enable(plugin, "Rustle")
-    idle = memory(daemon)
+    idle = daemon.memory()
 
     feed = Feed(plugin, "Rustle")
     feed.fire(1)
     stalled, reading = clients[:STALLED], [Listener(private) for private in clients[STALLED:]]
     for listener in reading:
         listener.learn(interface, "Rustle")
-    for private in stalled:
-        stop_reading(private, plugin, client)
     selector = selectors.DefaultSelector()
     for listener in reading:
         selector.register(listener.socket, selectors.EVENT_READ, listener)
@@ -196,7 +163,7 @@ def test_stalled_clients_are_dropped_and_the_others_hear_every_event_in_order(be
         for key, _ in selector.select(0):
             key.data.take()
         if fired % RATE < MOST_AT_ONCE:
-            most = max(most, memory(daemon))
+            most = max(most, daemon.memory())
         time.sleep(max(0.0, TICK - (time.monotonic() - begin - passed)))
     rate = fired / (time.monotonic() - begin)
 
@@ -208,9 +175,9 @@ def test_stalled_clients_are_dropped_and_the_others_hear_every_event_in_order(be
     end = time.monotonic()
     wait_until(all_heard, lambda: f"{feed.value} everywhere, not {sorted({each.value for each in reading})}", CATCH_UP)
     late = time.monotonic() - end
-    most = max(most, memory(daemon))
+    most = max(most, daemon.memory())
     print(f"{CLIENTS} clients, {STALLED} stalled, {fired} events, {rate:.0f} a second, the last {late:.2f} s late")
-    print(f"resident {idle} KiB when idle, {most} KiB at most, {memory(daemon)} KiB at the end")
+    print(f"resident {idle} KiB when idle, {most} KiB at most, {daemon.memory()} KiB at the end")
     assert not [listener for listener in reading if listener.closed]
     assert rate > 0.8 * RATE / SCALE
 
@@ -218,7 +185,7 @@ def test_stalled_clients_are_dropped_and_the_others_hear_every_event_in_order(be
     assert daemon.log_count("messages unread") == STALLED
     for private in stalled:
         drain(private)
-    assert most - idle < ALLOWED_KB
+    daemon.assert_grown_by_less(idle, ALLOWED_KB, most)
 
     plugin.set("Speech", True)
     client.wait_change(plugin.event_interface("Speech"), "Speech", True)

@@ -11,26 +11,12 @@ from bed.private import PrivateClient, descriptor_client
 from bed.process import wait_until
 from bed.stage import SYSTEM_NODE, event, setting
 
-ROUNDS = int(os.environ.get("HS_ROUNDS", "20"))
+ROUNDS = int(os.environ.get("HS_ROUNDS", "200"))
 WARM_UP = 10
 SECONDS_OF_A_ROUND = 3
 #: Well below what one object of a node would come to in a few hundred rounds.
 ALLOWED_KB = 2 * 1024
 SOURCE = f"{ROOT}/AudioDevice0Input0/Unprocessed"
-
-
-def memory(daemon):
-    """Resident kilobytes."""
-    with open(f"/proc/{daemon.pid}/status", encoding="ascii") as status:
-        return int(next(line.split()[1] for line in status if line.startswith("VmRSS")))
-
-
-def descriptors(daemon):
-    return len(os.listdir(f"/proc/{daemon.pid}/fd"))
-
-
-def threads(daemon):
-    return len(os.listdir(f"/proc/{daemon.pid}/task"))
 
 
 def play_round(bed, plugin, client, main, node_goes_first):
@@ -64,24 +50,24 @@ def test_rounds_leave_nothing_behind(bed):
     main = descriptor_client(bed.bus)
     bed.clients.append(main)
     root = client.introspect("/")
-    alone = descriptors(daemon), threads(daemon)
+    alone = daemon.descriptors(), daemon.threads()
 
     def back():
         wait_until(
-            lambda: (descriptors(daemon), threads(daemon)) == alone,
-            lambda: f"{alone} descriptors and threads, not {descriptors(daemon), threads(daemon)}",
+            lambda: (daemon.descriptors(), daemon.threads()) == alone,
+            lambda: f"{alone} descriptors and threads, not {daemon.descriptors(), daemon.threads()}",
         )
 
     for number in range(WARM_UP):
         play_round(bed, plugin, client, main, number % 2 == 0)
         back()
-    before = memory(daemon)
+    before = daemon.memory()
     for number in range(ROUNDS):
         play_round(bed, plugin, client, main, number % 2 == 0)
         back()
-    after = memory(daemon)
+    after = daemon.memory()
     print(f"{ROUNDS} rounds, resident {before} KiB before, {after} KiB after")
-    assert after - before < ALLOWED_KB
+    daemon.assert_grown_by_less(before, ALLOWED_KB, after)
 
     assert client.introspect("/") == root
     assert client.managed_objects() == {}

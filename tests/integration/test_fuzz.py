@@ -8,7 +8,7 @@ import pytest
 from bed.client import SERVICE
 from bed.private import PrivateClient, descriptor_client
 from bed.process import SCALE, wait_until
-from bed.stage import array_event, event, setting, struct_event
+from bed.stage import SYSTEM_NODE, array_event, event, setting, struct_event
 from fuzz import Fuzzer, Garbage, members_of, send_mangled, split
 from jeepney.low_level import Endianness, parse_signature
 
@@ -17,6 +17,8 @@ SEED = os.environ.get("HS_FUZZ_SEED") or str(random.SystemRandom().randrange(1 <
 #: A walk is finished even when the time is over.
 ONE_WALK = 60
 MANGLED_IN_A_WALK = 50
+#: The daemon drops a private client that sends a megabyte.
+LONGEST_PRIVATE = 1 << 17
 
 SCALARS = {
     "Flag": ("boolean", True),
@@ -51,6 +53,7 @@ def hearing(bed):
         events=[*events("Open", True), *events("Closed", False)],
     )
     bed.microphone()
+    bed.graph.keep_running(SYSTEM_NODE)
     daemon, client = bed.start()
     client.wait_added(plugin.path())
     plugin.wait_call("process")
@@ -69,10 +72,6 @@ def offered(peer):
         path: {name: set(values) for name, values in interfaces.items()}
         for path, interfaces in peer.managed_objects().items()
     }
-
-
-def descriptors(daemon):
-    return len(os.listdir(f"/proc/{daemon.pid}/fd"))
 
 
 def set_going(plugin, client):
@@ -124,7 +123,7 @@ def test_garbage_is_answered_and_the_service_goes_on(bed, hearing):
     main, sender = descriptor_client_of(bed), descriptor_client_of(bed)
     assert_serves(bed, plugin, main, -1)
     wait_until(lambda: daemon.log_count("Destroy bus event data: ") == 1, "the bus of the good client to go")
-    before = descriptors(daemon)
+    before = daemon.descriptors()
     offered_on_main = offered(client)
     print(f"HS_FUZZ_SEED={SEED}")
 
@@ -132,7 +131,7 @@ def test_garbage_is_answered_and_the_service_goes_on(bed, hearing):
         private = PrivateClient(main)
         bed.clients.append(private)
         offered_on_private = offered(private)
-        fuzzers = [Fuzzer(sender, SEED, null.fileno()), Fuzzer(private, SEED)]
+        fuzzers = [Fuzzer(sender, SEED, null.fileno()), Fuzzer(private, SEED, longest=LONGEST_PRIVATE)]
         for fuzzer in fuzzers:
             assert f"{SERVICE}.PluginInstance" in {member.interface for member in members_of(fuzzer.peer)}
         value = 0
@@ -165,4 +164,4 @@ def test_garbage_is_answered_and_the_service_goes_on(bed, hearing):
     fresh = PrivateClient(main)
     assert offered(fresh) == offered_on_private
     fresh.close()
-    wait_until(lambda: descriptors(daemon) == before, lambda: f"{before} descriptors, not {descriptors(daemon)}")
+    wait_until(lambda: daemon.descriptors() == before, lambda: f"{before} descriptors, not {daemon.descriptors()}")
