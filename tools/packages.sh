@@ -96,13 +96,17 @@ need_packages()
 # What both commands build with and run.
 # shellcheck disable=SC2034
 common_packages=(
-	'g++|compiles the daemon and its plug-in'
+	'g++|compiles the daemon and its plug-ins'
 	'meson|builds them'
 	'ninja-build|builds them'
 	'pkg-config|finds the libraries'
 	'libpipewire-0.3-dev|audio: headers of PipeWire'
 	'libsystemd-dev|D-Bus: headers of sd-bus'
-	'libebur128-dev|measures loudness, in the plug-in'
+	'libebur128-dev|measures loudness, in a plug-in'
+	'libwebrtc-audio-processing-dev|tells voice from silence, in a plug-in'
+	'vamp-plugin-sdk|runs Vamp plug-ins, in a plug-in'
+	'vamp-examples|such plug-ins: onsets, for one'
+	'espeak-ng|speaks'
 	'pipewire|the audio server'
 	'pipewire-bin|virtual microphone (pw-loopback) and player (pw-play)'
 	'wireplumber|connects microphone and daemon'

@@ -11,21 +11,12 @@ struct loudness_alarm {
 	/** Looks since it was last too loud. */
 	uint64_t quiet_looks = 0;
 
-	/**
-	 * Hears of the loudness at the next look, `interval` seconds after the last one. The alarm stands
-	 * from the look at which the loudness is above `threshold` until it has not been so for `hold_time`
-	 * seconds.
-	 */
+	/** Hears of the loudness at the next look, `interval` seconds after the last one; times are in seconds. */
 	void update(double loudness, double threshold, double hold_time, double interval)
 	{
-		if (loudness > threshold) {
-			is_raised = true;
-			quiet_looks = 0;
-			return;
-		}
+		quiet_looks = loudness > threshold ? 0 : quiet_looks + 1;
 		/* A product, where a sum would drift past the end of the time. */
-		quiet_looks++;
-		if (static_cast<double>(quiet_looks) * interval >= hold_time)
-			is_raised = false;
+		const double quiet_time = static_cast<double>(quiet_looks) * interval;
+		is_raised = quiet_looks == 0 || (is_raised && quiet_time < hold_time);
 	}
 };

@@ -2,13 +2,8 @@
 /*
  * Measuring: how loud was the last tenth of a second?
  *
- * The meter hears samples in whatever portions they come and gives one look for every 100 ms of audio, at
- * the same sample whatever the portions were. Loudness is EBU R128, by libebur128.
- *
- * Units: loudness in LUFS, never below -70; peak and level in dBFS, never below -120. All values are finite,
- * also where the samples are not: those count as 0.
- *
- * Threads: none of its own. Memory is taken by create() only.
+ * Units: loudness in LUFS by EBU R128 (libebur128), never below -70; peak and level in dBFS, never below -120.
+ * Samples are finite, and so are all values. Memory is taken by create() only.
  */
 #pragma once
 
@@ -16,7 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 
 #include <ebur128.h>
@@ -36,30 +30,20 @@ struct loudness_values {
 	double level = loudness_floor_dbfs;
 };
 
-/** The 32-bit float samples of one channel, which may lie apart and need no alignment. */
-struct loudness_channel {
-	/** Null for a channel that is silent. */
-	const std::byte *samples = nullptr;
-	/** Bytes from one sample to the next. */
-	size_t step = sizeof(float);
-};
-
-class loudness_meter {
+class loudness_meter
+{
 public:
 	/** One SPA position for each channel. Null where the rate or number of channels cannot be measured. */
 	static std::unique_ptr<loudness_meter> create(uint32_t rate, std::span<const uint32_t> positions);
 
-	/** Seconds of audio from one look to the next. */
-	double look_interval() const;
+	/** Frames from one look to the next: 100 ms, rounded as libebur128 rounds its windows. */
+	size_t look_frames() const
+	{
+		return (state->samplerate + 5) / 10;
+	}
 
-	/**
-	 * Hears frames from `first` up to `end`, but not past the next look; returns the frame it came to.
-	 * There are as many `channels` as positions. A look that is due is to be taken before the next call.
-	 */
-	size_t hear(std::span<const loudness_channel> channels, size_t first, size_t end);
-
-	/** The values, once for each 100 ms that were heard. */
-	std::optional<loudness_values> look();
+	/** Hears the next look_frames() samples of each channel. */
+	loudness_values look(std::span<const std::span<const float>> channels);
 
 private:
 	struct destroy {
@@ -68,17 +52,10 @@ private:
 			ebur128_destroy(&s);
 		}
 	};
-	using state_ptr = std::unique_ptr<ebur128_state, destroy>;
 
-	loudness_meter() = default;
-
-	state_ptr state;
-	/** The frames since the last look, interleaved. */
+	std::unique_ptr<ebur128_state, destroy> state;
+	/** The frames of one look, interleaved. */
 	std::unique_ptr<float[]> block;
-	size_t block_frames = 0;
-	/**
-	 * Power of the last 3 s, look by look, the latest first. Asked for more than the last look, libebur128
-	 * would add up every sample of that time again, which costs several times as much as its filters.
-	 */
+	/** Power of the last 3 s, look by look: to add up their samples again would cost several times as much. */
 	std::array<double, 30> powers{};
 };

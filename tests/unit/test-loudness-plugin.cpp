@@ -290,7 +290,7 @@ TEST(LoudnessPlugin, RefusesOtherFormatsAndSaysWhatToChange)
 	EXPECT_EQ(plugin.log.lines[0].level, SPA_LOG_LEVEL_ERROR);
 	EXPECT_EQ(plugin.log.lines[0].topic, "hear-sense.loudness");
 	EXPECT_EQ(plugin.log.lines[0].text, "cannot hear AudioDevice0Input0.Unprocessed "
-					    "(Spa:Enum:AudioFormat:S16LE, 1 channels, 48000 Hz): "
+					    "(S16LE, 1 channel, 48000 Hz): "
 					    "set audio.format to F32P in loudness.conf");
 	EXPECT_EQ(plugin.init(48000, {SPA_AUDIO_CHANNEL_MONO}, static_cast<spa_audio_format>(77)), -ENOTSUP);
 	EXPECT_EQ(plugin.log.lines.size(), 2U);

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: MIT
-"""Prints what hear-sense says on the system bus, as it says it, and sums it up at the end.
+"""Prints what hear-sense says on the system bus and on a private one, and sums it up at the end.
 
-Given a command, runs it (it plays the sound) and listens until it has ended and no alarm is up;
+Given a command, runs it (it plays the sound) and listens until it has ended and nothing is detected;
 given none, listens until it is interrupted. Exit status: 0, 1 when the signals were
 not as they should be, 2 when the command failed, 130 when it was interrupted.
 """
@@ -26,15 +26,26 @@ PROPERTIES = "org.freedesktop.DBus.Properties"
 BAR_WIDTH = 30
 BAR_FLOOR = -60.0
 
-# How long after the sound to listen on: for the last of it, and for an alarm that is still up.
+# How long after the sound to listen on: for the last of it, and for what is still detected.
 SETTLE_SECONDS = 1.0
-ALARM_SECONDS = 12.0
+DETECTED_SECONDS = 12.0
 
-# A private client hears the level ten times a second; people are shown one a second.
 LEVEL = "Level"
-LEVEL_SECONDS = 1.0
+ONSETS = "Onsets"
 
-# How much the own sound's signals have to rise and fall, in LU; the sound itself moves by 32.
+# Seconds from one line to the next of events that come more often than people read.
+PACES = {"Loudness": 0.5, LEVEL: 1.0, ONSETS: 1.0}
+
+# What each detection means, as it begins and as it ends.
+DETECTIONS = {
+    "LoudnessAlarm": ("LOUD: above the threshold", "over: below the threshold again"),
+    "Speech": ("somebody speaks", "nobody speaks any more"),
+    "SmokeAlarm": ("SMOKE ALARM", "the smoke alarm is over"),
+    "CarbonMonoxideAlarm": ("CARBON-MONOXIDE ALARM", "the carbon-monoxide alarm is over"),
+}
+
+# What the own sound has, each once, and how much its loudness has to rise and fall, in LU.
+EXPECTED = ("LoudnessAlarm", "Speech", "SmokeAlarm")
 EXPECTED_SWING = 15.0
 
 
@@ -58,8 +69,16 @@ def describe(title, value):
         momentary = value["Momentary"]
         return (f"{momentary:6.1f} LUFS {bar(momentary)} "
                 f"short-term {value['ShortTerm']:6.1f} LUFS, peak {value['Peak']:6.1f} dBFS")
-    if title == "LoudnessAlarm":
-        return "LOUD: above the threshold" if value["Detected"] else "over: below the threshold again"
+    if title in DETECTIONS:
+        begins, ends = DETECTIONS[title]
+        return begins if value["Detected"] else ends
+    if title == "AlarmTone":
+        return (f"{value['Frequency']:.0f} Hz at {value['Level']:.1f} dBFS, "
+                f"{value['SignalToNoise']:.1f} dB above the noise")
+    if title == LEVEL:
+        return f"{value:6.1f} dBFS  (on the private bus)"
+    if title == ONSETS:
+        return f"{value['Count']} so far, the last at {value['Time']:.2f} s of audio"
     return str(value)
 
 
@@ -72,9 +91,8 @@ class Heard:
     def of(self, title):
         return [(at, value) for at, t, value in self.signals if t == title]
 
-    def alarm_is_up(self):
-        alarms = self.of("LoudnessAlarm")
-        return bool(alarms) and alarms[-1][1]["Detected"]
+    def is_detecting(self):
+        return any(values[-1][1]["Detected"] for values in map(self.of, DETECTIONS) if values)
 
     def print_summary(self, seconds):
         print(f"\nHeard in {seconds:.1f} s: {len(self.signals)} signals.")
@@ -82,20 +100,23 @@ class Heard:
         if loudness:
             levels = [(value["Momentary"], at) for at, value in loudness]
             quietest, loudest = min(levels), max(levels)
-            print(f"  Loudness       {len(loudness)} times: "
+            print(f"  {'Loudness':19} {len(loudness)} times: "
                   f"quietest {quietest[0]:.1f} LUFS at {quietest[1]:.1f} s, "
                   f"loudest {loudest[0]:.1f} LUFS at {loudest[1]:.1f} s, "
                   f"highest peak {max(value['Peak'] for _, value in loudness):.1f} dBFS")
         levels = [value for _, value in self.of(LEVEL)]
         if levels:
-            print(f"  Level          {len(levels)} times on the private bus: "
+            print(f"  {LEVEL:19} {len(levels)} times on the private bus: "
                   f"from {min(levels):.1f} to {max(levels):.1f} dBFS")
-        changes = [f"{'raised' if value['Detected'] else 'cleared'} at {at:.1f} s"
-                   for at, value in self.of("LoudnessAlarm")]
-        print(f"  LoudnessAlarm  {', '.join(changes) if changes else 'never raised'}")
+        onsets = self.of(ONSETS)
+        if onsets:
+            print(f"  {ONSETS:19} {len(onsets)} of them")
+        for title in DETECTIONS:
+            changes = [f"{'detected' if value['Detected'] else 'over'} at {at:.1f} s" for at, value in self.of(title)]
+            print(f"  {title:19} {', '.join(changes) if changes else 'never'}")
 
     def missing_of_own_sound(self):
-        """What should have been heard of quiet, loud, quiet and was not."""
+        """What should have been heard of room, speech and alarm and was not."""
         missing = []
         levels = [value["Momentary"] for _, value in self.of("Loudness")]
         if not levels or max(levels) - levels[0] < EXPECTED_SWING:
@@ -104,8 +125,13 @@ class Heard:
             missing.append("the loudness did not fall with the sound")
         if len(self.of(LEVEL)) < 10:
             missing.append("the private client heard nothing")
-        if [value["Detected"] for _, value in self.of("LoudnessAlarm")] != [True, False]:
-            missing.append("the alarm was not raised and cleared once")
+        for title in EXPECTED:
+            if [value["Detected"] for _, value in self.of(title)] != [True, False]:
+                missing.append(f"{title} was not detected once")
+        if self.of("CarbonMonoxideAlarm"):
+            missing.append("the smoke alarm was taken for another")
+        if not self.of(ONSETS):
+            missing.append("there were no onsets")
         return missing
 
 
@@ -140,44 +166,47 @@ def set_threshold(connection, threshold):
             print(f"    Threshold on {path.split('/')[4]} set from {before:g} to {threshold:g} LUFS", flush=True)
 
 
-def show_level(heard, private, start, shown):
-    """Takes what the private client has heard; returns when a level was last shown."""
-    now = time.monotonic()
-    for level in private.values():
-        heard.signals.append((now - start, LEVEL, level))
-        if now - shown >= LEVEL_SECONDS:
-            print(f"{now - start:6.2f} s  {LEVEL:14} {level:6.1f} dBFS  (on the private bus)", flush=True)
-            shown = now
-    return shown
+class Screen:
+    """Shows what is heard, at a pace that can be read."""
+
+    def __init__(self, start):
+        self.start = start
+        self.shown = {}
+
+    def show(self, heard, title, value):
+        now = time.monotonic() - self.start
+        heard.signals.append((now, title, value))
+        if now - self.shown.get(title, -1.0) >= PACES.get(title, 0.0):
+            self.shown[title] = now
+            print(f"{now:6.2f} s  {title:14} {describe(title, value)}", flush=True)
 
 
-def listen(connection, private, heard, player, start):
+def listen(connection, private, heard, player, screen):
     ended = None
-    shown = start
     while True:
         try:
             values = event_values(connection.receive(timeout=0.1))
         except TimeoutError:
             values = []
-        shown = show_level(heard, private, start, shown)
-        now = time.monotonic()
+        for level in private.values():
+            screen.show(heard, LEVEL, level)
         for title, value in values:
-            heard.signals.append((now - start, title, value))
-            print(f"{now - start:6.2f} s  {title:14} {describe(title, value)}", flush=True)
+            screen.show(heard, title, value)
         if player is None:
             continue
+        now = time.monotonic()
         if ended is None and player.poll() is not None:
             if player.returncode != 0:
                 return
             ended = now
-        if ended is not None and now - ended > (ALARM_SECONDS if heard.alarm_is_up() else SETTLE_SECONDS):
+        if ended is not None and now - ended > (DETECTED_SECONDS if heard.is_detecting() else SETTLE_SECONDS):
             return
 
 
 def main():
     options = argparse.ArgumentParser(description=__doc__)
     options.add_argument("--own-sound", action="store_true",
-                         help="fail unless a rise, a fall and one alarm were heard")
+                         help="fail unless room, speech and smoke alarm were heard")
     options.add_argument("--threshold", type=float, help="sets the alarm's threshold first, in LUFS")
     options.add_argument("player", nargs="*", help="the command that plays the sound")
     args = options.parse_args()
@@ -195,7 +224,7 @@ def main():
         start = time.monotonic()
         player = subprocess.Popen(args.player) if args.player else None
         try:
-            listen(connection, private, heard, player, start)
+            listen(connection, private, heard, player, Screen(start))
             interrupted = False
         except KeyboardInterrupt:
             interrupted = True

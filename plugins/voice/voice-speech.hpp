@@ -1,0 +1,83 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * Deciding: is it speech, what the voice detector takes for it?
+ *
+ * A voice glides: its pitch never stays, nor does it jump from note to note. And its level rises and falls with
+ * the syllables. Tones, chords and noise lack the one, the other, or both.
+ */
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+
+#include "voice-pitch.hpp"
+
+class voice_speech
+{
+public:
+	/** What the last second is judged by. */
+	static constexpr size_t second = voice_rate / voice_hop;
+
+	/** Hears of the next 10 ms; whether they are speech, which takes `fewest_glides` in the last second. */
+	bool update(const voice_pitch &pitch, bool is_voice, size_t fewest_glides)
+	{
+		std::shift_left(recent.begin(), recent.end(), 1);
+		recent.back() = pitch;
+		n_heard++;
+		/* The first window begins with silence that nobody heard. */
+		if (n_heard <= voice_pitch_meter::full_looks)
+			levels.fill(pitch.level);
+		const size_t now = n_heard % second;
+		levels[now] = pitch.level;
+		glides[now] = is_voice && is_gliding();
+		const auto [quietest, loudest] = std::minmax_element(levels.begin(), levels.end());
+		const bool is_modulated = *loudest - *quietest > least_modulation;
+		speech[now] = is_voice && is_modulated && count(glides) >= fewest_glides;
+		return speech[now];
+	}
+
+	/** Share of the last second that was speech. */
+	double activity() const
+	{
+		return static_cast<double>(count(speech)) / second;
+	}
+
+private:
+	static constexpr float least_periodicity = 0.35F;
+	/** Of the logarithm of the period: in 10 ms, and in all 30 ms. */
+	static constexpr float longest_step = 0.05F;
+	static constexpr float shortest_glide = 0.01F;
+	/** Share of all steps that leads onwards; that of a chord, which only trembles, is small. */
+	static constexpr float least_straight = 0.9F;
+	/** Decibels between the loudest and the quietest 40 ms of the last second. */
+	static constexpr float least_modulation = 8.0F;
+
+	static size_t count(const std::array<bool, second> &flags)
+	{
+		return static_cast<size_t>(std::count(flags.begin(), flags.end(), true));
+	}
+
+	bool is_gliding() const
+	{
+		float path = 0.0F;
+		for (size_t i = 0; i < recent.size(); i++) {
+			if (recent[i].periodicity <= least_periodicity)
+				return false;
+			const float step = i > 0 ? std::abs(recent[i].log_period - recent[i - 1].log_period) : 0.0F;
+			if (step >= longest_step)
+				return false;
+			path += step;
+		}
+		const float glide = std::abs(recent.back().log_period - recent.front().log_period);
+		return glide > shortest_glide && glide >= least_straight * path;
+	}
+
+	std::array<voice_pitch, 4> recent{};
+	size_t n_heard = 0;
+	/* Rings of the last second. */
+	std::array<float, second> levels{};
+	std::array<bool, second> glides{};
+	std::array<bool, second> speech{};
+};
