@@ -10,9 +10,9 @@ usage()
 	Usage: ./demo.sh [SOUND-FILE | --mic | --help]
 
 	Builds hear-sense and shows what it makes of a sound: a virtual microphone feeds the daemon, a setting is
-	changed, and each D-Bus signal that comes is printed, on the system bus and on a private one.
+	changed, and what comes on the system bus and on a private one is printed, frequent events now and then.
 
-	  (nothing)     plays a sound of its own: quiet, then loud, then quiet
+	  (nothing)     plays a scene of its own: a quiet room, somebody who speaks, a smoke alarm
 	  SOUND-FILE    plays this file (WAV, FLAC, Ogg)
 	  --mic         listens to the default microphone of the PipeWire that you run, until Ctrl-C
 	  --help        shows this
@@ -126,7 +126,11 @@ microphone_is_there()
 
 daemon_listens()
 {
-	timeout 5 pw-link -l | grep -q "hs-loudness-$microphone"
+	local links plugin
+	links=$(timeout 5 pw-link -l)
+	for plugin in alarm loudness onset voice; do
+		grep -q "hs-$plugin-$microphone" <<<"$links" || return 1
+	done
 }
 
 default_source()
@@ -141,13 +145,16 @@ build()
 		fail "$build cannot be written." 'Was it made by another user? Remove it, or clone the repository again as yourself.'
 	if [[ ! -f $build/build.ninja ]]; then
 		rm -rf -- "$build"
-		meson setup --prefix=/usr -Dtests=false -Dloudness=enabled "$build" . >"$logs/setup.log" 2>&1 ||
+		meson setup --prefix=/usr -Dtests=false -D{hs_plugin,hsctl}=disabled -D{alarm,loudness,vamp,voice}=enabled "$build" . >"$logs/setup.log" 2>&1 ||
 			fail 'The build could not be set up.' 'The log above names what is missing.' "$logs/setup.log"
 	fi
 	ninja -C "$build" || fail 'It does not compile.' "The compiler's words stand above. To begin afresh: rm -r build-demo"
 	rm -rf -- "$stage"
 	DESTDIR=$stage meson install -C "$build" --no-rebuild >"$logs/install.log" 2>&1 ||
 		fail 'What was built could not be gathered.' 'To begin afresh: rm -r build-demo' "$logs/install.log"
+	# The library for Vamp plug-ins runs those that have a configuration and a link.
+	cp "$stage/usr/share/hear-sense/plugin-confs/onset.conf"{.example,}
+	ln -s libhs-vamp.so "$(dirname -- "$(find "$stage" -name libhs-vamp.so)")/libspa-hs-onset.so"
 }
 
 start_bus()
@@ -282,9 +289,11 @@ start_daemon
 case $mode in
 own)
 	sound=$work/sound.wav
-	/usr/bin/python3 tools/demo/make-sound.py "$sound"
-	step 'Playing a chord: 3 s quiet, 1 s rising, 3 s loud, 1 s falling, 4 s quiet'
-	listen --own-sound --threshold -25 -- pw-play --target demo.feed "$sound"
+	espeak-ng -v en-us -s 150 -w "$work/speech.wav" \
+		'Hello. This is the demo of hear-sense. In a moment a smoke alarm will sound in this room.'
+	alarm_seconds=$(/usr/bin/python3 tools/demo/make-sound.py "$sound" "$work/speech.wav")
+	step "Playing a quiet room, at 2 s somebody who speaks, from $alarm_seconds s on a smoke alarm"
+	listen --own-sound --threshold -18 -- pw-play --target demo.feed "$sound"
 	;;
 file)
 	step "Playing $sound"

@@ -35,6 +35,16 @@ case ${1:-} in
 esac
 
 packages=("${common_packages[@]}"
+	'libcli11-dev|command lines of hs-plugin and hsctl'
+	'nlohmann-json3-dev|what they print'
+	'libfmt-dev|the same, in hsctl'
+	'libncurses-dev|live view, in hsctl'
+	'libsndfile1-dev|sound files, in hs-plugin'
+	'libsamplerate0-dev|their rates'
+	'python3-numpy|makes sounds for them'
+	'lowdown|makes manual pages'
+	'man-db|shows them'
+	'systemd|reads the unit, its user and folders'
 	'libgtest-dev|unit tests'
 	'locales|unit tests in a language with decimal commas'
 	'procps|what the daemon leaves behind'
@@ -84,7 +94,7 @@ build()
 	built=false
 	if [[ ! -f $folder/build.ninja ]]; then
 		rm -rf -- "$folder"
-		meson setup --prefix=/usr -Dloudness=enabled "$@" "$folder" . >"$work/setup.log" 2>&1 || {
+		meson setup --prefix=/usr -D{loudness,voice,alarm,vamp,hs_plugin,hsctl,man,systemd}=enabled "$@" "$folder" . >"$work/setup.log" 2>&1 || {
 			tail -n 25 "$work/setup.log"
 			add 0 1 0
 			return
@@ -127,6 +137,21 @@ integration_tests()
 	count pytest "$result"
 }
 
+# figures FOLDER NAME...: how well the plug-ins hear.
+figures()
+{
+	local folder=$1 name
+	$built || return 0
+	shift
+	for name; do
+		if meson devenv -C "$folder" "$here/tests/hearing/${name}_figures.py" --quick; then
+			add 1 0 0
+		else
+			add 0 1 0
+		fi
+	done
+}
+
 need_packages "$work/apt.log" "${packages[@]}"
 
 export CC=gcc CXX=g++
@@ -139,11 +164,15 @@ else
 	timed 'Unit tests' unit_tests build-test-gcc
 	timed 'Integration tests' integration_tests build-test-gcc integration -n 2 tests/integration
 
+	timed 'Figures of the plug-ins, shortened' figures build-test-gcc alarm voice
+
 	export HS_TEST_TIMEOUT_SCALE=10
 	export HS_TEST_WRAPPER='valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=97'
-	timed 'Nodes, audio and shutdown under valgrind' integration_tests build-test-gcc valgrind tests/integration -k \
-		'life or node_that_goes or hears_the_buffers or file_that_is_played or sigterm_tears'
-	unset HS_TEST_WRAPPER HS_TEST_TIMEOUT_SCALE
+	export HS_ROUNDS=10
+	timed 'Nodes, clients, audio and shutdown under valgrind' integration_tests build-test-gcc valgrind \
+		tests/integration -k \
+		'life or rounds or node_that_goes or hears_the_buffers or file_that_is_played or sigterm_tears'
+	unset HS_TEST_WRAPPER HS_TEST_TIMEOUT_SCALE HS_ROUNDS
 
 	export CC=clang-14 CXX=clang++-14
 	timed 'Building with clang and its sanitizers' build build-test-clang -Doptimization=1 -Ddebug=true \
@@ -151,7 +180,7 @@ else
 		-D{c,cpp}_args='-fno-sanitize-recover=all -fno-omit-frame-pointer'
 	export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1
 	export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-	export HS_TEST_TIMEOUT_SCALE=3
+	export HS_TEST_TIMEOUT_SCALE=3 HS_FUZZ_SECONDS=20
 	PATH=$PATH:/usr/lib/llvm-14/bin
 	timed 'Unit tests, sanitized' unit_tests build-test-clang
 	timed 'Integration tests, sanitized' integration_tests build-test-clang integration -n 2 tests/integration
