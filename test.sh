@@ -44,6 +44,7 @@ packages=("${common_packages[@]}"
 	'python3-numpy|makes sounds for them'
 	'lowdown|makes manual pages'
 	'man-db|shows them'
+	'mandoc|finds faults in them'
 	'systemd|reads the unit, its user and folders'
 	'libgtest-dev|unit tests'
 	'locales|unit tests in a language with decimal commas'

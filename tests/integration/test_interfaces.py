@@ -1,6 +1,9 @@
-"""The interface descriptions that are installed for client authors, against the service itself."""
+"""What is installed for client authors, the descriptions and the manual pages, against the service itself."""
 
+import os
 import pathlib
+import re
+import subprocess
 import xml.etree.ElementTree as ElementTree
 
 import pytest
@@ -48,6 +51,63 @@ def described(build):
     return result
 
 
+CHANGES = {"constant": "const", "announced": None, "announced, writable": None}
+
+
+def page_member(line):
+    """The member that a line of a manual page introduces, as members() has it; None where it introduces none."""
+    found = re.fullmatch(r"(\w+) ([\w{}]+), (constant|announced|announced, writable)", line)
+    if found:
+        name, signature, changes = found.groups()
+        emits = CHANGES[changes]
+        notes = {} if emits is None else {"org.freedesktop.DBus.Property.EmitsChangedSignal": emits}
+        signature = ANY_TYPE if signature == "TYPE" else signature
+        return ("property", name), (signature, "readwrite" if "writable" in changes else "read", [], notes)
+    found = re.fullmatch(r"(\w+)\((?:(\w+) \w+)?\)(?: → \((\w+) \w+\))?(, no reply needed)?", line)
+    if found:
+        name, taken, given, no_reply = found.groups()
+        arguments = [(way, signature) for way, signature in (("in", taken), ("out", given)) if signature]
+        notes = {"org.freedesktop.DBus.Method.NoReply": "true"} if no_reply else {}
+        return ("method", name), (None, None, arguments, notes)
+    return None
+
+
+def page_interfaces(page):
+    """{name: members} of the interfaces that a manual page tells of, as a reader sees it."""
+    shown = subprocess.run(
+        ["man", "--local-file", str(page)],
+        env=dict(os.environ, MANWIDTH="200", LC_ALL="C.UTF-8"),
+        capture_output=True,
+        text=True,
+        check=True,
+    ).stdout
+    name = page.name.removesuffix(".5")
+    result = {name: {}}
+    for line in re.sub(".\x08", "", shown).splitlines():
+        heading = re.fullmatch(r" {7}Interface (\S+):", line)
+        if heading:
+            name = heading.group(1)
+            result[name] = {}
+        member = page_member(line[7:]) if line.startswith(" " * 7) else None
+        if member:
+            assert member[0] not in result[name], (page, member)
+            result[name] |= [member]
+    return result
+
+
+def paged(build):
+    """What all manual pages of interfaces say."""
+    result = {}
+    for page in (build / "man").glob(f"{SERVICE}*.5"):
+        found = page_interfaces(page)
+        assert not result.keys() & found.keys()
+        result |= found
+    return result
+
+
+DESCRIPTIONS = {"descriptions": described, "pages": paged}
+
+
 def served(*clients):
     """What all objects have, and "/", by interface; an interface is the same wherever it is."""
     result = {}
@@ -85,7 +145,8 @@ def connected(bed):
     return connect
 
 
-def test_fixed_and_generic_interfaces_are_those_of_the_service(bed, build, connected):
+@pytest.mark.parametrize("kind", DESCRIPTIONS)
+def test_fixed_and_generic_interfaces_are_those_of_the_service(bed, build, connected, kind):
     settings = {
         "Flag": ("boolean", True, "b"),
         "Word": ("uint32", 1, "u"),
@@ -104,7 +165,7 @@ def test_fixed_and_generic_interfaces_are_those_of_the_service(bed, build, conne
     )
     client, private = connected()
     client.wait_added(plugin.path())
-    files = described(build)
+    files = DESCRIPTIONS[kind](build)
     live = served(client, private)
 
     expected = {
@@ -126,11 +187,12 @@ def test_fixed_and_generic_interfaces_are_those_of_the_service(bed, build, conne
     assert live == expected
 
 
+@pytest.mark.parametrize("kind", DESCRIPTIONS)
 @pytest.mark.parametrize("plugin", PLUGINS)
-def test_interfaces_of_a_plug_in_are_those_of_the_service(bed, build, connected, plugin):
+def test_interfaces_of_a_plug_in_are_those_of_the_service(bed, build, connected, plugin, kind):
     name = PLUGINS[plugin]
     prefixes = (f"{SERVICE}.Settings.{name}", f"{SERVICE}.Events.{name}.")
-    files = {interface: found for interface, found in described(build).items() if interface.startswith(prefixes)}
+    files = {interface: found for interface, found in DESCRIPTIONS[kind](build).items() if interface.startswith(prefixes)}
     library = build / f"plugins/{plugin}/libspa-hs-{plugin}.so"
     assert bool(files) == library.exists(), "what is built is described, and nothing else is"
     if not files:

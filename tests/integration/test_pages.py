@@ -3,21 +3,36 @@
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 
 import pytest
 
-PAGES = (
-    "hear-sense-alarm.7",
-    "hear-sense-loudness.7",
-    "hear-sense-vamp.7",
-    "hear-sense-voice.7",
-    "hs-plugin.1",
-    "hsctl.1",
-)
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+MANUAL = ROOT / "man"
+
+#: Pages whose text is also something else's; all others are in the folder of the manual.
+SHARED = {
+    "hear-sense-alarm.7": ROOT / "plugins/alarm/README.md",
+    "hear-sense-loudness.7": ROOT / "plugins/loudness/README.md",
+    "hear-sense-vamp.7": ROOT / "plugins/vamp/README.md",
+    "hear-sense-voice.7": ROOT / "plugins/voice/README.md",
+    "hs-plugin.1": ROOT / "docs/hs-plugin.md",
+    "hsctl.1": ROOT / "docs/hsctl.md",
+}
+SOURCES = SHARED | {path.name.removesuffix(".md"): path for path in MANUAL.rglob("*.[0-9].md")}
+
+#: The page of each program.
+PROGRAMS = {
+    "hear-sense.8": "src/hear-sense",
+    "hs-plugin.1": "tools/hs-plugin/hs-plugin",
+    "hsctl.1": "tools/hsctl/hsctl",
+}
+
+OPTION = r"(?<![\w/-])--?[A-Za-z][\w-]*"
 
 
-@pytest.fixture(params=PAGES)
+@pytest.fixture(params=sorted(SOURCES))
 def page(request, build):
     path = build / "man" / request.param
     assert path.exists(), f"{path} has not been built"
@@ -43,17 +58,62 @@ def test_page_can_be_found_by_name_and_purpose(page):
 
 
 def test_page_says_all_that_its_text_says(page):
-    """Tables and examples too: what is left out by the way from one format to the other shows in the words."""
+    """Examples too: what is left out by the way from one format to the other shows in the words."""
     text = rendered(page)
-    name = page.name.rpartition(".")[0]
-    plugin = name.removeprefix("hear-sense-")
-    root = pathlib.Path(__file__).parents[2]
-    source = root / (f"plugins/{plugin}/README.md" if plugin != name else f"docs/{name}.md")
-    headings = [line.lstrip("# ") for line in source.read_text().splitlines() if line.startswith("## ")]
+    source = SOURCES[page.name].read_text(encoding="utf-8")
+    headings = [line.lstrip("# ") for line in source.splitlines() if line.startswith("## ")]
     assert headings
     for heading in headings:
         assert heading.upper() in text
-    assert "NAME" in text and "DESCRIPTION" in text
-    for line in source.read_text().splitlines():
-        if line.startswith("    "):
-            assert line.strip() in text.replace("‐", "-"), line
+    assert "NAME" in text and ("DESCRIPTION" in text or "SYNOPSIS" in text)
+    code = re.findall(r"^```.*\n(.*?)^```$", source, re.S | re.M)
+    if page.name in SHARED:
+        code += re.findall(r"(?:^    .*\n)+", source, re.M)
+    shown = " ".join(text.split())
+    for line in "".join(code).splitlines():
+        assert " ".join(line.split()) in shown, line
+
+
+def test_page_has_no_fault_that_mandoc_warns_of(page):
+    if not shutil.which("mandoc"):
+        pytest.skip("mandoc is not installed")
+    done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", page], capture_output=True, text=True, check=False)
+    assert done.stdout + done.stderr == ""
+    assert done.returncode == 0
+
+
+def test_commands_can_be_copied_from_a_page(page):
+    """A hyphen or a quotation mark of typography in a command is no command any more."""
+    for example in re.findall(r"^\.EX\n(.*?)^\.EE$", page.read_text(encoding="utf-8"), re.S | re.M):
+        assert not re.search(r"(?<!\\)-|[‘’“”]", example)
+
+
+def test_pages_that_a_page_names_exist(page):
+    text = page.read_text(encoding="utf-8")
+    for name, section in re.findall(r"\\fB([\w.-]+(?:\\-[\w.-]+)*)\\fR\((\d)\)", text):
+        assert f"{name.replace(chr(92), '')}.{section}" in SOURCES
+
+
+def help_of(*argv):
+    return subprocess.run([*argv, "--help"], capture_output=True, text=True, check=True).stdout
+
+
+def options_of(program):
+    """Those that it tells of itself and of each of its sub-commands."""
+    text = help_of(program)
+    for command in re.findall(r"^  (\w+) {3}", text.partition("Subcommands:")[2], re.M):
+        text += help_of(program, command)
+    return set(re.findall(rf"^ *({OPTION})", text, re.M)) | set(re.findall(rf"^ *-\w, ?({OPTION})", text, re.M))
+
+
+@pytest.mark.parametrize("name", PROGRAMS)
+def test_options_of_a_program_are_those_of_its_page(build, name):
+    if not (build / PROGRAMS[name]).exists():
+        pytest.skip(f"{name} has not been built")
+    text = SOURCES[name].read_text(encoding="utf-8")
+    spans = re.findall(r"`([^`\n]+)`", text)
+    told = {option for span in spans if re.match(OPTION, span) for option in re.findall(OPTION, span)}
+    for_meson = {option for option in told if option.startswith("-D")}
+    assert told - for_meson == options_of(build / PROGRAMS[name])
+    defined = re.findall(r"option\('(\w+)'", (ROOT / "meson_options.txt").read_text(encoding="utf-8"))
+    assert for_meson <= {f"-D{option}" for option in defined}
