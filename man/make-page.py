@@ -12,7 +12,7 @@ import re
 import subprocess
 
 #: Columns of a terminal that is 80 wide, without the indentation.
-TABLE_WIDTH = 72
+TABLE_WIDTH = 69
 
 #: Stands between terms that have one definition.
 NEXT_TERM = "\u241e"
@@ -51,7 +51,9 @@ def spell(line):
     """Terminals have no second typeface: code is bold, as in all manual pages."""
     whole = re.sub(r"\\fC(.*?)\\fR", lambda found: f"\\fB{literal(found.group(1))}\\fR", line)
     # What is left goes on in the next line.
-    return whole.replace("\\fC", "\\fB")
+    whole = whole.replace("\\fC", "\\fB")
+    # The names of pages are not divided.
+    return re.sub(r"\\fB([\w.-]+)\\fR(?=\(\d\))", lambda found: f"\\fB\\%{literal(found.group(1))}\\fR", whole)
 
 
 def table_rows(lines):
@@ -91,7 +93,7 @@ def set_table(lines):
     """The table anew: columns as wide as what stands in them."""
     rows = list(table_rows(lines))
     widths = column_widths(rows)
-    yield from (".TS", "tab(|) allbox nospaces;")
+    yield from (".ad l", ".TS", "tab(|) allbox nospaces;")
     yield " ".join(f"lbw({width}n)" for width in widths)
     yield " ".join(f"lw({width}n)" for width in widths) + "."
     for row in rows:
@@ -99,7 +101,7 @@ def set_table(lines):
             text if shown_length(text) <= width else f"T{{\n{text}\nT}}" for text, width in zip(row, widths)
         ]
         yield from "|".join(shown).splitlines()
-    yield ".TE"
+    yield from (".TE", ".ad b")
 
 
 TERM = [".if n \\", ".sp -1v", ".if t \\", ".sp -0.25v", '.IP "" 5n']

@@ -90,7 +90,7 @@ def test_commands_can_be_copied_from_a_page(page):
 
 def test_pages_that_a_page_names_exist(page):
     text = page.read_text(encoding="utf-8")
-    for name, section in re.findall(r"\\fB([\w.-]+(?:\\-[\w.-]+)*)\\fR\((\d)\)", text):
+    for name, section in re.findall(r"\\fB\\%([\w.\\-]+)\\fR\((\d)\)", text):
         assert f"{name.replace(chr(92), '')}.{section}" in SOURCES
 
 
