@@ -68,8 +68,8 @@ def page_name(path):
 
 
 @pytest.fixture
-def device(bed, build):
-    """Starts the daemon with the plug-ins of this tree on a microphone that hears a tone."""
+def service(bed, build):
+    """Starts the daemon with the plug-ins of this tree."""
     for name in PLUGINS:
         folder = build / f"plugins/{name}"
         if not (folder / f"libspa-hs-{name}.so").exists():
@@ -79,11 +79,18 @@ def device(bed, build):
         for schema in (SOURCE / f"plugins/{name}").glob(f"{name}*.json"):
             shutil.copy(schema, bed.stage.schemas)
     bed.stage.grant_everything()
-    bed.microphone()
-    _, client = bed.start()
+    bed.start()
+    return bed
+
+
+@pytest.fixture
+def device(service):
+    """On a microphone that hears a tone."""
+    service.microphone()
+    client = service.clients[0]
     for name in PLUGINS:
         client.wait_added(f"/com/orvel/HearSense/AudioDevice0Input0/Unprocessed/{name.capitalize()}")
-    return bed
+    return service
 
 
 class Shell:
@@ -155,6 +162,47 @@ def test_commands_for_the_service_are_commands(path):
         for line in block.splitlines():
             words = [word for word in shlex.split(line, comments=True) if not re.match(r"\w+=", word)]
             assert not words or words[0] in known, line
+
+
+def guide_blocks(number):
+    """The commands of a chapter of the installation guide, but for those that need a service manager."""
+    guide = (SOURCE / "docs/install.md").read_text(encoding="utf-8")
+    chapter = re.search(rf"^## {number}\. .*?(?=^## )", guide, re.S | re.M).group()
+    for block in re.findall(r"^```sh\n(.*?)^```$", chapter, re.S | re.M):
+        lines = [line for line in block.splitlines() if not line.startswith(("systemctl", "export PIPEWIRE"))]
+        yield "\n".join(["set -e", *lines, "echo all well"])
+
+
+def test_check_of_the_installation_guide_works(service):
+    shell = Shell(service)
+    listing, reading = guide_blocks(5)
+    service.nodes.append(SYSTEM_NODE)
+    assert shell.run(listing).endswith("all well")
+    instance = "/com/orvel/HearSense/AudioDevice0Input0/Unprocessed/Loudness"
+    service.clients[0].wait_added(instance)
+    assert instance in shell.run("busctl --system tree com.orvel.HearSense")
+    printed = shell.run(reading)
+    assert re.match(r'a\{sv\} 3 "Momentary" d ', printed)
+    assert '"threshold": -30.000000' in printed
+    assert printed.endswith("all well")
+    service.clients[0].wait_removed(instance)
+
+
+def test_pattern_of_the_installation_guide_selects_sound_cards(loudness):
+    bed = loudness
+    shutil.copy(SOURCE / "plugins/loudness/loudness.conf", bed.stage.confs)
+    (block,) = guide_blocks(6)
+    assert Shell(bed).run(block) == "all well"
+    bed.microphone(CARD_NODE)
+    _, client = bed.start()
+    client.wait_added(instance_on(CARD_NODE))
+
+
+def test_rights_of_the_installation_guide_are_rights(service):
+    (block,) = guide_blocks(7)
+    assert Shell(service).run(block) == "all well"
+    text = (service.stage.rights / "rights.d/visitor.conf").read_text()
+    assert text in page_text(MANUAL / "hear-sense.8.md").replace("> ", "").replace("nobody", "visitor")
 
 
 EXAMPLES = blocks(MANUAL / "hear-sense-plugin.conf.5.md", "conf")
