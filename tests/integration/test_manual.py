@@ -53,6 +53,8 @@ def steps(block):
 
 def is_shown(shown, printed):
     """Whether a command printed what the page shows, where "..." stands for anything."""
+    if shown and re.fullmatch(r"h \d+", shown[0]):
+        return bool(re.fullmatch(r"h \d+", printed))
     pattern = ".*".join(map(re.escape, LOUDNESS.sub(r"\1NUMBER", "\n".join(shown)).split("...")))
     if not re.fullmatch(pattern, LOUDNESS.sub(r"\1NUMBER", printed)):
         return False

@@ -98,6 +98,22 @@ def help_of(*argv):
     return subprocess.run([*argv, "--help"], capture_output=True, text=True, check=True).stdout
 
 
+def test_interfaces_of_triggers_are_found_on_the_page_of_their_event(build, tmp_path):
+    """As man finds them where they are installed."""
+    (tmp_path / "man5").symlink_to(build / "man")
+    aliases = sorted(path.name for path in (build / "man").glob("*.Methods.5"))
+    assert len(aliases) > 1
+    for alias in aliases:
+        shown = subprocess.run(
+            ["man", "5", alias.removesuffix(".5")],
+            env=dict(os.environ, MANPATH=str(tmp_path), MANWIDTH="200", LC_ALL="C.UTF-8"),
+            capture_output=True,
+            text=True,
+            check=True,
+        ).stdout
+        assert f"Interface {alias.removesuffix('.5')}:" in re.sub(".\x08", "", shown)
+
+
 def options_of(program):
     """Those that it tells of itself and of each of its sub-commands."""
     text = help_of(program)
