@@ -297,6 +297,15 @@ def test_default_that_the_plug_in_refuses_is_shown_and_not_used(loudness):
     )
 
 
+def test_node_name_in_the_information_is_what_is_heard(loudness):
+    bed = loudness
+    bed.stage.conf("loudness", "plugin.info = { node.name = AudioDevice5Input0.Other }")
+    bed.microphone(SYSTEM_NODE)
+    bed.start()
+    stream = bed.graph.node_properties("hs-loudness-AudioDevice5Input0.Other")
+    assert stream["target.object"] == "AudioDevice5Input0.Other"
+
+
 #: Faults of the daemon's own, which the page asks to be reported. Nobody is known to have seen one.
 UNEXPLAINED = {
     "Attempting to destroy bus event data for main bus",
