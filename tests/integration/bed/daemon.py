@@ -67,13 +67,20 @@ def _as_root(stage, argv):
     return ["unshare", "--mount", "--propagation", "private", "sh", "-c", "\n".join(lines), "sh", *argv]
 
 
-def _as_user(stage, argv, status_fd):
+def _as_user(stage, argv, status_fd=None):
     args = ["bwrap", "--die-with-parent", "--dev-bind", "/", "/", "--tmpfs", "/etc", "--tmpfs", "/usr/share"]
     for path in _kept():
         args += ["--ro-bind", os.path.realpath(path), path]
     for source, target in _mounts(stage):
         args += ["--bind", str(source), target]
-    return [*args, "--json-status-fd", str(status_fd), "--", *argv]
+    if status_fd is not None:
+        args += ["--json-status-fd", str(status_fd)]
+    return [*args, "--", *argv]
+
+
+def in_namespace(stage, argv):
+    """A command that finds the folders which the daemon finds."""
+    return _as_root(stage, argv) if os.getuid() == 0 else _as_user(stage, argv)
 
 
 class Daemon:
