@@ -133,3 +133,17 @@ def test_options_of_a_program_are_those_of_its_page(build, name):
     assert told - for_meson == options_of(build / PROGRAMS[name])
     defined = re.findall(r"option\('(\w+)'", (ROOT / "meson_options.txt").read_text(encoding="utf-8"))
     assert for_meson <= {f"-D{option}" for option in defined}
+
+
+@pytest.mark.parametrize("name", PROGRAMS)
+def test_commands_of_all_pages_have_options_that_there_are(build, name):
+    program = build / PROGRAMS[name]
+    if not program.exists():
+        pytest.skip(f"{name} has not been built")
+    known = options_of(program)
+    n_commands = 0
+    for path in SOURCES.values():
+        for command in re.findall(rf"(?:`|\$ |^ *|&& ?|= ?){program.name} ([^`|;&\n#]*)", path.read_text("utf-8"), re.M):
+            n_commands += 1
+            assert set(re.findall(OPTION, command)) <= known, (path, command)
+    assert n_commands > 0
