@@ -32,7 +32,9 @@ def prepare(text, name, summary):
     """The Markdown that lowdown is given."""
     text = re.sub(r"\A# .*\n+", "", text)
     # lowdown knows one term to a definition.
-    text = re.sub(r"(?<=\n\n)(?:`.*\n)+(?=:   )", lambda found: found.group(0)[:-1].replace("\n", NEXT_TERM) + "\n", text)
+    text = re.sub(
+        r"(?<=\n\n)(?:`.*\n)+(?=:   )", lambda found: found.group(0)[:-1].replace("\n", NEXT_TERM) + "\n", text
+    )
     lines = []
     is_code = False
     for line in text.splitlines():

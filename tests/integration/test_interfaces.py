@@ -194,7 +194,8 @@ def test_fixed_and_generic_interfaces_are_those_of_the_service(bed, build, conne
 def test_interfaces_of_a_plug_in_are_those_of_the_service(bed, build, connected, plugin, kind):
     name = PLUGINS[plugin]
     prefixes = (f"{SERVICE}.Settings.{name}", f"{SERVICE}.Events.{name}.")
-    files = {interface: found for interface, found in DESCRIPTIONS[kind](build).items() if interface.startswith(prefixes)}
+    told = DESCRIPTIONS[kind](build)
+    files = {interface: found for interface, found in told.items() if interface.startswith(prefixes)}
     library = build / f"plugins/{plugin}/libspa-hs-{plugin}.so"
     assert bool(files) == library.exists(), "what is built is described, and nothing else is"
     if not files:
