@@ -45,6 +45,8 @@ packages=("${common_packages[@]}"
 	'lowdown|makes manual pages'
 	'man-db|shows them'
 	'mandoc|finds faults in them'
+	'libglib2.0-bin|gdbus, which the client in shell uses'
+	'zsh|tries its completion of hsctl'
 	'systemd|reads the unit, its user and folders'
 	'libgtest-dev|unit tests'
 	'locales|unit tests in a language with decimal commas'
