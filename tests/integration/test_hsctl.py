@@ -1,11 +1,14 @@
 """hsctl, the tool of operators, with a daemon that it looks into."""
 
+import errno
 import fcntl
 import json
 import os
+import pathlib
 import pty
 import pwd
 import re
+import select
 import shlex
 import signal
 import struct
@@ -13,6 +16,7 @@ import subprocess
 import termios
 
 import pytest
+from bed.client import CallFailed
 from bed.process import SCALE, Process, wait_until
 from bed.servers import Bus, base_environment
 from bed.stage import SYSTEM_NODE, event, setting, struct_event
@@ -150,27 +154,80 @@ def wait_listening(process, client, plugin):
     wait_until(printed, lambda: "a line of the event: " + process.err(), interval=0.1)
 
 
-def on_terminal(tool, *args, env=None, keys=b""):
-    """Status and output of hsctl on a terminal of 30 lines of 120 columns."""
-    pid, terminal = pty.fork()
-    if pid == 0:
-        fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 30, 120, 0, 0))
-        os.execve(tool.program, [str(tool.program), *args], tool.environment | {"TERM": "xterm"} | (env or {}))
-    text = b""
-    while True:
+def without_escapes(text):
+    return re.sub("\033(\\[[0-9;?]*[a-zA-Z]|[=>]|\\([A-Z0-9])", "", text)
+
+
+class Terminal:
+    """A program on a terminal of 30 lines of 120 columns."""
+
+    def __init__(self, program, args, env):
+        self.text = ""
+        self._ended = False
+        self.pid, self._end = pty.fork()
+        if self.pid == 0:
+            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 30, 120, 0, 0))
+            os.execve(program, [str(program), *args], env)
+
+    def _read(self, seconds):
+        """Takes what has come; false at the end."""
+        if not select.select([self._end], [], [], seconds)[0]:
+            return True
         try:
-            part = os.read(terminal, 65536)
+            part = os.read(self._end, 65536)
         except OSError:
-            break
-        if not part:
-            break
-        text += part
-        if keys and b"Speech" in text:
-            os.write(terminal, keys)
-            keys = b""
-    _, status = os.waitpid(pid, 0)
-    os.close(terminal)
-    return os.waitstatus_to_exitcode(status), text.decode()
+            part = b""
+        self.text += part.decode(errors="replace")
+        self._ended = self._ended or not part
+        return bool(part)
+
+    def wait(self, pattern, start=0):
+        """The match of the pattern in what has been written since the index `start`."""
+
+        def found():
+            match = re.search(pattern, self.text[start:], re.S)
+            assert match or not self._ended, (pattern, self.text[start:])
+            return match or (self._read(0.05) and None)
+
+        return wait_until(found, lambda: f"{pattern!r}; there is {self.text[start:]!r}", interval=0)
+
+    def poll(self):
+        """Takes what has come, without waiting."""
+        return self._read(0)
+
+    def type(self, keys):
+        os.write(self._end, keys.encode())
+
+    def resize(self, lines, columns):
+        fcntl.ioctl(self._end, termios.TIOCSWINSZ, struct.pack("HHHH", lines, columns, 0, 0))
+
+    def wait_end(self):
+        """The exit status."""
+        wait_until(lambda: not self._read(0.05), lambda: f"the end; there is {self.text[-2000:]!r}", interval=0)
+        _, status = os.waitpid(self.pid, 0)
+        self.pid = None
+        os.close(self._end)
+        return os.waitstatus_to_exitcode(status)
+
+    def kill(self):
+        if self.pid is not None:
+            os.kill(self.pid, signal.SIGKILL)
+            self.wait_end()
+
+
+@pytest.fixture
+def on_terminal(tool):
+    """Starts hsctl, or another program, on a terminal."""
+    started = []
+
+    def start(*args, program=None, env=None):
+        terminal = Terminal(program or tool.program, args, tool.environment | {"TERM": "xterm"} | (env or {}))
+        started.append(terminal)
+        return terminal
+
+    yield start
+    for terminal in started:
+        terminal.kill()
 
 
 # What there is
@@ -212,16 +269,17 @@ def test_status_as_json(tool, hearing):
     assert "\n  " in tool.out("--json=pretty")
 
 
-def test_on_a_terminal_there_are_colours_unless_told_otherwise(tool, hearing):
+def test_on_a_terminal_there_are_colours_unless_told_otherwise(tool, hearing, on_terminal):
     hearing()
-    status, text = on_terminal(tool)
-    assert status == OK
-    assert "\033[32menabled\033[0m" in text
-    assert f"  {SYSTEM_NODE}" in text
+    coloured = on_terminal()
+    assert coloured.wait_end() == OK
+    assert "\033[32menabled\033[0m" in coloured.text
+    assert f"  {SYSTEM_NODE}" in coloured.text
     for env in ({"NO_COLOR": "1"}, {"TERM": "dumb"}):
-        _, plain = on_terminal(tool, env=env)
-        assert "\033" not in plain
-        assert plain == re.sub("\033\\[[0-9]*m", "", text)
+        plain = on_terminal(env=env)
+        assert plain.wait_end() == OK
+        assert "\033" not in plain.text
+        assert plain.text == without_escapes(coloured.text)
     assert "\033" not in tool.out()
 
 
@@ -288,6 +346,22 @@ def test_an_ambiguous_name_lists_what_it_may_mean(tool, hearing):
         assert client.get(plugin.path(node), plugin.settings_interface, "Gain") == 6
 
 
+def test_a_source_may_be_told_in_part(tool, hearing):
+    hearing(SYSTEM_NODE, OTHER_NODE)
+    tool.run("set", "if_motion@audiodevice0", "Gain", "5")
+    assert tool.out("get", "if_motion@AudioDevice0Input0", "Gain") == "5\n"
+    assert tool.out("get", "if_motion@AudioDevice1Input0", "Gain") == "1\n"
+    text = tool.refused("get", "if_motion@AudioDevice", "Gain")
+    assert NAME in text and OTHER_NAME in text
+    assert "No plug-in 'if_mot'" in tool.refused("get", "if_mot", "Gain")
+
+
+def test_an_event_that_is_not_public_is_hinted_at(tool, hearing):
+    hearing()
+    assert "with --private" in tool.refused("get", "if_motion", "Level")
+    assert "--private" not in tool.refused("get", "--private", "if_motion", "Nothing")
+
+
 # Changes
 
 
@@ -333,11 +407,18 @@ def test_enable_and_disable(tool, hearing):
 
 
 def test_a_refused_write_shows_what_the_daemon_says(tool, hearing, bed):
-    plugin, _, client = hearing()
+    plugin, _, client = hearing(schema="motion.json")
     bed.stage.grant(USER, "Depth")
     text = tool.refused("set", "if_motion", "Gain", "5", status=FAILED)
-    assert f"[caller: {USER} property: Gain]" in text
+    assert f"[caller: {USER} property: Gain]" in text and "may be" not in text
     assert client.get(plugin.path(), plugin.settings_interface, "Gain") == 1
+
+
+def test_a_value_that_the_plugin_does_not_take_is_told_with_its_schema(tool, hearing):
+    hearing(schema="motion.json", returns={"set_settings": -errno.EINVAL})
+    text = tool.refused("set", "if_motion", "Gain", "5", status=FAILED)
+    assert "Unable to get/set property Gain" in text
+    assert f"Gain of {NAME} stays as it was; what it may be is in" in text and "/motion.json" in text
 
 
 def test_trigger(tool, hearing):
@@ -366,6 +447,35 @@ def test_indicate(tool, hearing):
 # What is missing
 
 
+def test_a_value_that_cannot_be_read_hides_only_itself(tool, bed):
+    """One of them is enough for the daemon to answer no client that asks for all objects."""
+    bed.stage.grant_everything()
+    wrong = {"Gain.default": {"title": "Gain", "value": "much"}}
+    plugin = bed.plugin(
+        enabled=True, info=wrong, settings=[setting("Gain", "int32", 1), setting("Fast")], events=[event("Speech")]
+    )
+    bed.microphone()
+    daemon, client = bed.start()
+    daemon.wait_log("Failed to emit interfaces on main")
+    with pytest.raises(CallFailed):
+        client.managed_objects()
+    told = f"hear-sense cannot tell Gain of {plugin.path()}"
+    shown = tool.run("show", "if_motion")
+    assert shown.stderr.count("hsctl:") == 1 and told in shown.stderr
+    assert "setting\tGain\tint32\t-\n" in shown.stdout and "setting\tFast\tboolean\tfalse\n" in shown.stdout
+    assert f"{NAME}\tenabled\tSpeech\tfalse\n" == tool.out("status")
+    assert tool.json("get", "if_motion", "Gain")["value"] is None
+    assert complete_in_bash(tool, "hsctl set if_motion ") == {"Enable", "Fast", "Gain"}
+    process = tool.spawn("monitor")
+    wait_said(process, told)
+    plugin.set("Speech", True)
+    wait_line(process, "Speech", True)
+
+    tool.run("set", "if_motion", "Gain", "3")
+    assert tool.run("get", "if_motion", "Gain").stderr == ""
+    assert client.managed_objects()[plugin.path()][plugin.settings_interface]["Gain"] == 3
+
+
 def test_hints_without_bus_daemon_or_node(tool, bed):
     nowhere = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent/bus"}
     assert "no system bus" in tool.run("status", status=UNREACHABLE, env=nowhere).stderr
@@ -389,8 +499,11 @@ def test_the_session_bus_on_request(tool, bed, how):
 
 def test_a_wrong_command_line_ends_with_its_status(tool):
     for args in (["nonsense"], ["list"], ["list", "nonsense"], ["--json=long"], ["set", "a"], ["top", "-n", "x"]):
-        assert tool.refused(*args)
+        text = tool.refused(*args)
+        assert text.startswith("hsctl: ") and "--help\n" in text
+    assert "see hsctl set --help" in tool.refused("set", "a")
     assert "Usage: hsctl" in tool.out("--help")
+    assert re.fullmatch(r"hsctl \d+\.\d+\.\d+\n", tool.out("--version"))
 
 
 # Events
@@ -475,6 +588,29 @@ def test_monitor_reports_a_bus_that_goes(own_bed):
     assert "The bus has gone" in process.err()
 
 
+def test_monitor_prints_columns_on_a_terminal(hearing, on_terminal):
+    plugin, _, client = hearing()
+    terminal = on_terminal("monitor", "Alarm", "Count")
+
+    def printed():
+        client.call(plugin.path(), plugin.event_interface("Alarm") + ".Methods", "TriggerEvent")
+        return terminal.poll() and "Alarm" in terminal.text
+
+    wait_until(printed, lambda: f"a line of the event; there is {terminal.text!r}", interval=0.1)
+    line = terminal.wait(r"([^\r\n]*Alarm[^\r\n]*)\r\n").group(1)
+    assert f"\033[2m{NAME}\033[0m" in line and "\033[31mDetected: true, Report: true\033[0m" in line
+    assert re.fullmatch(
+        rf"\d\d:\d\d:\d\d\.\d{{3}}  \d+\.\d{{3}}  {NAME}  Alarm  Detected: true, Report: true", without_escapes(line)
+    )
+    start = len(terminal.text)
+    plugin.set("Speech", True)
+    plugin.set("Count", 7)
+    terminal.wait(r"Count[^\r\n]*7\r\n", start)
+    assert "Speech" not in terminal.text
+    terminal.type("\003")
+    assert terminal.wait_end() == OK
+
+
 # The live view
 
 
@@ -493,13 +629,38 @@ def test_top_in_batch(tool, hearing):
     assert {"event": "Count", "value": 0} in objects[0]["plugins"][0]["events"]
 
 
-def test_top_draws_on_a_terminal_and_gives_it_back(tool, hearing):
+@pytest.mark.parametrize("how", ["key", "Ctrl-C", "SIGTERM"])
+def test_top_draws_on_a_terminal_and_gives_it_back(tool, hearing, on_terminal, how):
     hearing()
-    status, text = on_terminal(tool, "top", keys=b"q")
-    assert status == OK
-    assert NAME in text and "Speech" in text
-    assert "\033[?1049h" in text and text.rindex("\033[?1049l") > text.rindex(NAME)
+    terminal = on_terminal("top")
+    terminal.wait(f"{NAME}.*Speech")
+    if how == "SIGTERM":
+        os.kill(terminal.pid, signal.SIGTERM)
+    else:
+        terminal.type({"key": "q", "Ctrl-C": "\003"}[how])
+    assert terminal.wait_end() == OK
+    assert "\033[?1049h" in terminal.text
+    assert terminal.text.rindex("\033[?1049l") > terminal.text.rindex(NAME)
     assert "use -b" in tool.refused("top")
+
+
+def test_top_draws_anew_when_the_terminal_changes_its_size(hearing, on_terminal):
+    hearing(SYSTEM_NODE, OTHER_NODE)
+    # The next frame is an hour away.
+    terminal = on_terminal("top", "-d", "3600")
+    terminal.wait(f"{OTHER_NAME}.*Speech")
+    start = len(terminal.text)
+    # A line of title, an empty one, and one of the two plug-ins; its events do not fit beside it.
+    terminal.resize(3, 50)
+    terminal.wait("hear-sense", start)
+    terminal.wait(NAME, start)
+    seen = terminal.text[start:]
+    assert OTHER_NAME not in seen and "Speech" not in seen
+    start = len(terminal.text)
+    terminal.resize(30, 120)
+    terminal.wait(f"{OTHER_NAME}.*Speech", start)
+    terminal.type("q")
+    assert terminal.wait_end() == OK
 
 
 # Completion
@@ -569,3 +730,79 @@ def test_what_bash_has_split_off_is_not_completed_again(tool, hearing):
 def test_without_a_daemon_nothing_is_completed_and_nothing_said(tool):
     ended = tool.run("complete", "--", "show", "")
     assert (ended.stdout, ended.stderr) == ("", "")
+
+
+#: What zsh is told before it is asked.
+ZSH_START = """
+unset RPS1 zle_bracketed_paste; unsetopt beep prompt_sp always_last_prompt; LISTMAX=0
+fpath=({functions} $fpath); path=({programs} $path)
+autoload -Uz compinit; compinit -u -D
+PS1='ready> '
+"""
+#: The prompt and what zsh has the terminal do after it.
+ZSH_READY = "ready> (\033\\[[?0-9]*[a-zA-Z])*$"
+
+
+@pytest.fixture
+def zsh(tool, on_terminal):
+    """zsh on a terminal, with the completion of hsctl."""
+    completions = pathlib.Path(__file__).resolve().parents[2] / "tools/hsctl/completions"
+    start = tool.bed.stage.home / "start.zsh"
+    start.write_text(ZSH_START.format(functions=completions, programs=tool.program.parent))
+    shell = on_terminal("-f", "-i", program="/usr/bin/zsh", env={"HOME": str(tool.bed.stage.home), "PS1": "% "})
+    shell.type(f"source {start}\r")
+    shell.wait(ZSH_READY)
+    return shell
+
+
+def listed_by_zsh(shell, line):
+    """What zsh lists as fitting at the end of the line."""
+    start = len(shell.text)
+    shell.type(line + "\004")
+    # A list ends with the prompt; without one, what follows ends it.
+    shell.type("\025print -r -- d''one\r")
+    shell.wait("done\r\n.*" + ZSH_READY, start)
+    text = without_escapes(shell.text[start:]).replace("\r", "").replace("ready> ", "\nready> ")
+    lines = text.partition("ready> print")[0].partition("print -r")[0].splitlines()
+    return {word for each in lines[1:] if not each.startswith("ready> ") for word in each.split()}
+
+
+def completed_by_zsh(shell, line):
+    """The line as zsh makes it when it is completed at its end, without the last space."""
+    start = len(shell.text)
+    shell.type(line + "\t")
+    shell.type("\001print -r -- '<\005>'\r")
+    return shell.wait(r"\n<(hsctl[^>]*?) ?>\r\n.*" + ZSH_READY, start).group(1)
+
+
+@pytest.mark.parametrize(
+    ("line", "offered"),
+    [
+        ("hsctl ", set(COMMANDS)),
+        ("hsctl show ", {"if_motion", NAME}),
+        ("hsctl set if_motion ", {"Enable", "Gain", "Depth", "Label", "Fast"}),
+        ("hsctl set if_motion Fast ", {"true", "false"}),
+        ("hsctl --user --json=short list ", {"plugins", "sources", "events", "settings"}),
+        ("hsctl list --", {"--help", "--json", "--json=pretty", "--json=short", "--private", "--user", "--version"}),
+        ("hsctl show nothing", set()),
+    ],
+)
+def test_zsh_lists_what_fits(hearing, zsh, line, offered):
+    hearing()
+    assert listed_by_zsh(zsh, line) == offered
+
+
+@pytest.mark.parametrize(
+    ("line", "whole"),
+    [
+        ("hsctl sho", "hsctl show"),
+        ("hsctl show if_motion@", f"hsctl show {NAME}"),
+        ("hsctl set if_motion fa", "hsctl set if_motion Fast"),
+        ("hsctl --json=p", "hsctl --json=pretty"),
+        ("hsctl monitor --private Lev", "hsctl monitor --private Level"),
+        ("hsctl indicate speaker --chain a", "hsctl indicate speaker --chain AudioDevice0Input0"),
+    ],
+)
+def test_zsh_completes_the_line(hearing, zsh, line, whole):
+    hearing()
+    assert completed_by_zsh(zsh, line) == whole

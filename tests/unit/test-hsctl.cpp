@@ -2,6 +2,7 @@
 
 #include "describe.hpp"
 #include "failure.hpp"
+#include "introspection.hpp"
 #include "model.hpp"
 #include "names.hpp"
 #include "objects.hpp"
@@ -162,6 +163,26 @@ TEST(HsctlObjects, WhatIsRemovedGoes)
 	EXPECT_EQ(tree[source_path].size(), 1U);
 }
 
+TEST(HsctlObjects, WhatAnObjectSaysOfItselfIsRead)
+{
+	const introspection read =
+		read_introspection("<!DOCTYPE node PUBLIC \"-//x//EN\"\n\"https://x/y.dtd\">\n<node>\n"
+				   " <interface name=\"a.Empty\">\n </interface>\n"
+				   " <interface name=\"a.B\">\n"
+				   "  <method name=\"Do\">\n   <arg type=\"s\" name=\"of\"/>\n  </method>\n"
+				   "  <property name=\"One\" type=\"a{sv}\" access=\"read\">\n"
+				   "   <annotation name=\"x.y\" value=\"const\"/>\n  </property>\n"
+				   "  <property type=\"i\" name=\"Two\" access=\"read\">\n  </property>\n"
+				   " </interface>\n <node name=\"below\"/>\n</node>\n");
+	ASSERT_EQ(read.interfaces.size(), 2U);
+	EXPECT_TRUE(read.interfaces.at("a.Empty").empty());
+	const std::map<std::string, std::string> expected{{"One", "a{sv}"}, {"Two", "i"}};
+	EXPECT_EQ(read.interfaces.at("a.B"), expected);
+	EXPECT_EQ(read.children, std::vector<std::string>{"below"});
+	EXPECT_TRUE(read_introspection("").interfaces.empty());
+	EXPECT_EQ(read_introspection("<interface name=\"cut").interfaces.size(), 1U);
+}
+
 TEST(HsctlModel, PluginsHaveTheirSettingsAndEvents)
 {
 	const object_tree hidden = private_objects();
@@ -204,6 +225,8 @@ TEST(HsctlNames, AreFoundInAnyCaseAndOtherwiseListed)
 	const model all = make_model(main_objects());
 	EXPECT_EQ(find_instance(all, "LOUDNESS").name, "loudness@Mic.Raw");
 	EXPECT_EQ(find_instance(all, "alarm@mic.raw").plugin, "alarm");
+	EXPECT_EQ(find_instance(all, "loudness@m").name, "loudness@Mic.Raw");
+	EXPECT_THROW(find_instance(all, "loudness@"), failure);
 	EXPECT_EQ(failure_text(all, "voice"), "No plug-in 'voice'; there is:\n  alarm@Mic.Raw\n  loudness@Mic.Raw");
 	EXPECT_EQ(failure_text(model(), "voice"), "No plug-in 'voice'; there is none");
 	EXPECT_EQ(need_setting(all.instances[1], "threshold").title, "Threshold");

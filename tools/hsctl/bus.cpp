@@ -10,7 +10,9 @@
 #include <unistd.h>
 
 #include "failure.hpp"
+#include "introspection.hpp"
 #include "message.hpp"
+#include "output.hpp"
 
 namespace hs_ctl {
 
@@ -18,8 +20,10 @@ namespace {
 
 constexpr char properties_interface[] = "org.freedesktop.DBus.Properties";
 constexpr char objects_interface[] = "org.freedesktop.DBus.ObjectManager";
+constexpr char introspection_interface[] = "org.freedesktop.DBus.Introspectable";
 constexpr char bus_service[] = "org.freedesktop.DBus";
 constexpr char bus_path[] = "/org/freedesktop/DBus";
+constexpr char root_path[] = "/com/orvel/HearSense";
 constexpr uint64_t call_timeout_usec = 10 * 1000 * 1000;
 
 constexpr char asking[] = "ask the daemon";
@@ -79,8 +83,11 @@ bool uses_session_bus(bool of_user)
 	if (is_one_of(name, silent_errors) || r == -ETIMEDOUT)
 		throw failure(STATUS_UNREACHABLE, "hear-sense does not answer. What does its log say "
 						  "(journalctl -u hear-sense)?");
-	throw failure(STATUS_FAILED,
-		      fmt::format("hear-sense refused: {}", error.message ? error.message : std::strerror(-r)));
+	const std::string text =
+		fmt::format("hear-sense refused: {}", error.message ? error.message : std::strerror(-r));
+	if (sd_bus_error_has_name(&error, SD_BUS_ERROR_ACCESS_DENIED))
+		throw denied(text);
+	throw failure(STATUS_FAILED, text);
 }
 
 message_ptr new_call(sd_bus *bus, const char *path, const char *interface, const char *member)
@@ -116,6 +123,64 @@ bus_ptr connect_to(descriptor fd)
 	check(sd_bus_set_anonymous(made, 1), connecting);
 	check(sd_bus_start(made), connecting);
 	return bus;
+}
+
+/** Passes on that the daemon has gone; what it refused is left to the caller. */
+void pass_unreachable(const failure &error)
+{
+	if (error.result == STATUS_UNREACHABLE)
+		throw failure(error);
+}
+
+properties read_interface(sd_bus *bus, const std::string &path, const std::string &interface)
+{
+	const message_ptr message = new_call(bus, path.c_str(), properties_interface, "GetAll");
+	check(sd_bus_message_append(message.get(), "s", interface.c_str()), asking);
+	const message_ptr reply = send(bus, message);
+	return read_properties(reply.get());
+}
+
+/** Properties one by one; what cannot be read is null. */
+properties read_what_can_be(sd_bus *bus, const std::string &path, const std::string &interface,
+			    const std::map<std::string, std::string> &signatures, bool is_talkative)
+{
+	properties read;
+	for (const auto &[name, signature] : signatures) {
+		try {
+			read[name] = read_property(bus, path, interface, name);
+		} catch (const failure &error) {
+			pass_unreachable(error);
+			read[name] = {signature, json()};
+			if (is_talkative)
+				complain(
+					fmt::format("hear-sense cannot tell {} of {}, and shows no client all at once. "
+						    "Is its value in the configuration, or in the settings file, none "
+						    "of its type ({})? To give it one: hsctl set",
+						    name, path, type_name(signature)));
+		}
+	}
+	return read;
+}
+
+/** Adds the objects at the path and below, interface by interface. */
+void walk(sd_bus *bus, const std::string &path, bool is_talkative, object_tree *tree)
+{
+	const message_ptr reply = send(bus, new_call(bus, path.c_str(), introspection_interface, "Introspect"));
+	const introspection read = read_introspection(read_text(reply.get()));
+	interfaces object;
+	for (const auto &[interface, signatures] : read.interfaces) {
+		if (!interface.starts_with(SERVICE))
+			continue;
+		try {
+			object[interface] = read_interface(bus, path, interface);
+		} catch (const failure &error) {
+			pass_unreachable(error);
+			object[interface] = read_what_can_be(bus, path, interface, signatures, is_talkative);
+		}
+	}
+	add_interfaces(tree, path, object);
+	for (const std::string &child : read.children)
+		walk(bus, path + "/" + child, is_talkative, tree);
 }
 
 } // namespace
@@ -174,10 +239,18 @@ std::string find_owner(sd_bus *bus)
 	return read_text(reply);
 }
 
-object_tree read_objects(sd_bus *bus)
+object_tree read_objects(sd_bus *bus, bool is_talkative)
 {
-	const message_ptr reply = send(bus, new_call(bus, "/", objects_interface, "GetManagedObjects"));
-	return read_tree(reply.get());
+	try {
+		const message_ptr reply = send(bus, new_call(bus, "/", objects_interface, "GetManagedObjects"));
+		return read_tree(reply.get());
+	} catch (const failure &error) {
+		pass_unreachable(error);
+	}
+	/* One property that cannot be read is enough. */
+	object_tree tree;
+	walk(bus, root_path, is_talkative, &tree);
+	return tree;
 }
 
 value read_property(sd_bus *bus, const std::string &path, const std::string &interface, const std::string &name)
@@ -206,14 +279,14 @@ void call_method(sd_bus *bus, const std::string &path, const std::string &interf
 	send(bus, message);
 }
 
-both_trees read_both(sd_bus *bus, bool with_private)
+both_trees read_both(sd_bus *bus, bool with_private, bool is_talkative)
 {
 	both_trees trees;
 	if (with_private) {
 		const bus_ptr private_bus = open_private_bus(bus);
-		trees.private_objects = read_objects(private_bus.get());
+		trees.private_objects = read_objects(private_bus.get(), is_talkative);
 	}
-	trees.objects = read_objects(bus);
+	trees.objects = read_objects(bus, is_talkative);
 	return trees;
 }
 

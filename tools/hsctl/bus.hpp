@@ -25,7 +25,8 @@ void subscribe(sd_bus *bus);
 /** The unique name of the daemon; empty where it is not there. */
 std::string find_owner(sd_bus *bus);
 
-object_tree read_objects(sd_bus *bus);
+/** What cannot be read is null, and told of on standard error where `is_talkative`. */
+object_tree read_objects(sd_bus *bus, bool is_talkative = true);
 
 value read_property(sd_bus *bus, const std::string &path, const std::string &interface, const std::string &name);
 void write_property(sd_bus *bus, const std::string &path, const std::string &interface, const std::string &name,
@@ -42,6 +43,6 @@ struct both_trees {
 	object_tree private_objects;
 };
 
-both_trees read_both(sd_bus *bus, bool with_private);
+both_trees read_both(sd_bus *bus, bool with_private, bool is_talkative = true);
 
 } // namespace hs_ctl

@@ -110,7 +110,7 @@ words command_names(const CLI::App &app)
 model read_model(const place &at)
 {
 	const bus_ptr bus = open_bus(at.of_user);
-	const both_trees trees = read_both(bus.get(), at.with_private);
+	const both_trees trees = read_both(bus.get(), at.with_private, false);
 	return make_model(trees.objects, &trees.private_objects);
 }
 

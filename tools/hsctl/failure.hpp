@@ -27,4 +27,11 @@ struct failure : std::runtime_error {
 	status result;
 };
 
+/** The user has no right to it. */
+struct denied : failure {
+	explicit denied(const std::string &text) : failure(STATUS_FAILED, text)
+	{
+	}
+};
+
 } // namespace hs_ctl

@@ -47,7 +47,7 @@ void add_looking(CLI::App *app, options *parsed)
 	listing->add_option("what", parsed->what, "plugins, sources, events or settings")
 		->required()
 		->type_name("WHAT")
-		->check(CLI::IsMember({"plugins", "sources", "events", "settings"}));
+		->check(CLI::IsMember({"plugins", "sources", "events", "settings"}).description(""));
 	add_private(listing, parsed);
 
 	CLI::App *showing = add_command(app, "show", "Shows all about a plug-in");
@@ -104,10 +104,10 @@ void add_calling(CLI::App *app, options *parsed)
 	indicating->add_option("what", parsed->what, "speaker, continuous or transient")
 		->required()
 		->type_name("WHAT")
-		->check(CLI::IsMember({"speaker", "continuous", "transient"}));
+		->check(CLI::IsMember({"speaker", "continuous", "transient"}).description(""));
 	indicating->add_option("state", parsed->value, "on or off, but for transient")
 		->type_name("on|off")
-		->check(CLI::IsMember({"on", "off"}));
+		->check(CLI::IsMember({"on", "off"}).description(""));
 	indicating->add_option("--chain", parsed->chain, "The device [all]")->type_name("DEVICE");
 }
 
@@ -156,15 +156,25 @@ void run(const CLI::App &app, const options &parsed)
 		indicate(parsed);
 }
 
+/** What is wrong with the command line, in a line or two, and where to look. */
+std::string explain(const CLI::App *app, const CLI::Error &error)
+{
+	const auto chosen = app->get_subcommands();
+	const std::string command = chosen.empty() ? "" : chosen.front()->get_name() + " ";
+	return "hsctl: " + std::string(error.what()) + "; see hsctl " + command + "--help\n";
+}
+
 int parse_and_run(int argc, char *argv[])
 {
 	CLI::App app("Looks into hear-sense over the bus, and changes what it may.", "hsctl");
 	options parsed;
 	app.footer(footer);
 	app.require_subcommand(0, 1);
+	app.failure_message(explain);
+	app.set_version_flag("--version", "hsctl " HSCTL_VERSION);
 	app.add_flag("--json{short}", parsed.json, "Prints JSON: --json=short on a line, --json=pretty on several")
 		->type_name("short|pretty")
-		->check(CLI::IsMember({"short", "pretty"}));
+		->check(CLI::IsMember({"short", "pretty"}).description(""));
 	app.add_flag("--user", parsed.of_user, "Uses the session bus; HS_USE_SESSION_BUS=true does, too");
 	add_looking(&app, &parsed);
 	add_changing(&app, &parsed);

@@ -1,6 +1,7 @@
 /*
  * hsctl monitor: events as they come, a line each.
  */
+#include <algorithm>
 #include <ctime>
 
 #include <fmt/format.h>
@@ -66,7 +67,24 @@ public:
 			put_object(plugin, source, came);
 	}
 
+	/** Columns are as wide as what there is. */
+	void measure(const model &all)
+	{
+		for (const instance &each : all.instances) {
+			for (const event &of_it : each.events) {
+				if (!of_it.is_hidden && is_meant(of.patterns, each.plugin, each.source, of_it.title))
+					widen(each.name, of_it.title);
+			}
+		}
+	}
+
 private:
+	void widen(const std::string &name, const std::string &title)
+	{
+		name_width = std::max(name_width, width_of(name));
+		title_width = std::max(title_width, width_of(title));
+	}
+
 	void put_object(const std::string &plugin, const std::string &source, const news &came) const
 	{
 		const moment taken = now();
@@ -78,18 +96,23 @@ private:
 			       {"value", came.content}});
 	}
 
-	void put_line(const std::string &name, const news &came) const
+	void put_line(const std::string &name, const news &came)
 	{
+		widen(name, came.title);
 		const moment taken = now();
 		const bool is_detected = detection_of(came.content).value_or(false);
 		const double seconds = static_cast<double>(taken.monotonic_usec) / 1e6;
-		put(fmt::format("{}  {:.3f}  {}  {}  {}\n", clock_text(taken.wall), seconds,
-				paint(out, {name, colour::faint}), paint(out, {came.title, colour::bold}),
+		put(fmt::format("{}  {:.3f}  {}{}  {}{}  {}\n", clock_text(taken.wall), seconds,
+				paint(out, {name, colour::faint}), std::string(name_width - width_of(name), ' '),
+				paint(out, {came.title, colour::bold}),
+				std::string(title_width - width_of(came.title), ' '),
 				paint(out, {to_text(came.content), is_detected ? colour::red : colour::none})));
 	}
 
 	const watch &of;
 	output out;
+	size_t name_width = 0;
+	size_t title_width = 0;
 };
 
 /** Says which of the patterns mean nothing that is there. */
@@ -128,6 +151,7 @@ void monitor(const options &parsed, const output &out)
 	printer printed(watched, lines);
 	watched.told = &printed;
 	watch_start(&watched, parsed.of_user);
+	printed.measure(make_model(watched.objects, &watched.private_objects));
 	warn_of_patterns(watched);
 	while (watch_wait(&watched, std::nullopt, false) != wake::ended) {
 	}

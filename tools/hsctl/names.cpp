@@ -45,6 +45,13 @@ std::string name_of_pointed(const instance *of)
 	return of->name;
 }
 
+/** "loudness@AudioDevice0": its source may be told in part. */
+bool has_source(const std::string &name)
+{
+	const size_t at = name.find('@');
+	return at != std::string::npos && at + 1 < name.size();
+}
+
 bool is_like(const std::string &pattern, const std::string &name)
 {
 	return fnmatch(pattern.c_str(), name.c_str(), FNM_CASEFOLD | FNM_NOESCAPE) == 0;
@@ -55,10 +62,15 @@ bool is_like(const std::string &pattern, const std::string &name)
 std::vector<const instance *> find_instances(const model &all, const std::string &name)
 {
 	std::vector<const instance *> found;
+	std::vector<const instance *> begun;
 	for (const instance &each : all.instances) {
 		if (is_same(each.plugin, name) || is_same(each.name, name))
 			found.push_back(&each);
+		if (has_source(name) && strncasecmp(each.name.c_str(), name.c_str(), name.size()) == 0)
+			begun.push_back(&each);
 	}
+	if (found.empty())
+		found = begun;
 	if (found.empty())
 		refuse(fmt::format("No plug-in '{}'", name), names_of(all.instances, name_of));
 	return found;

@@ -10,7 +10,10 @@
 
 namespace hs_ctl {
 
-/** What "loudness" or "loudness@AudioDevice0Input0.Unprocessed" means; throws a failure that lists what there is. */
+/**
+ * What "loudness" or "loudness@AudioDevice0Input0.Unprocessed" means, or what begins with "loudness@AudioDevice0";
+ * throws a failure that lists what there is.
+ */
 std::vector<const instance *> find_instances(const model &all, const std::string &name);
 
 /** The same, where there is to be exactly one. */

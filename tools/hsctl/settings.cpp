@@ -16,13 +16,15 @@ namespace {
 
 constexpr char enable_title[] = "Enable";
 
-[[noreturn]] void refuse_title(const instance &of, const std::string &title)
+[[noreturn]] void refuse_title(const instance &of, const std::string &title, bool with_private)
 {
 	std::string text = fmt::format("{} has no setting or event '{}'; there is:", of.name, title);
 	for (const setting &each : of.settings)
 		text += fmt::format("\n  {}  (setting)", each.title);
 	for (const event &each : of.events)
 		text += fmt::format("\n  {}  (event)", each.title);
+	if (!with_private)
+		text += "\nor an event that is not public, with --private";
 	throw failure(STATUS_USAGE, text);
 }
 
@@ -37,6 +39,21 @@ std::vector<const instance *> find_written(const model &all, const options &pars
 		if (find_instances(all, parsed.plugin).size() > 1)
 			throw failure(error.result, std::string(error.what()) + "\nor all of them with --all");
 		throw;
+	}
+}
+
+/** The daemon says no more than that it could not: most often the plug-in does not take the value. */
+void write_one(sd_bus *bus, const instance &of, const setting &wanted)
+{
+	try {
+		write_property(bus, of.path, of.settings_interface, wanted.title, wanted.current);
+	} catch (const denied &) {
+		throw;
+	} catch (const failure &error) {
+		if (error.result != STATUS_FAILED || of.schema.empty())
+			throw;
+		throw failure(error.result, fmt::format("{}\n{} of {} stays as it was; what it may be is in {}",
+							error.what(), wanted.title, of.name, of.schema));
 	}
 }
 
@@ -56,7 +73,7 @@ void write_setting(const options &parsed, const output &out, const std::string &
 	json written = json::array();
 	for (size_t i = 0; i < targets.size(); ++i) {
 		const instance &of = *targets[i];
-		write_property(bus.get(), of.path, of.settings_interface, wanted[i].title, wanted[i].current);
+		write_one(bus.get(), of, wanted[i]);
 		wanted[i].current = read_property(bus.get(), of.path, of.settings_interface, wanted[i].title);
 		written.push_back(describe_setting(of, wanted[i]));
 	}
@@ -75,7 +92,7 @@ void get(const options &parsed, const output &out)
 	const setting *found = find_setting(of, parsed.title);
 	const event *found_event = found ? nullptr : find_event(of, parsed.title);
 	if (!found && !found_event)
-		refuse_title(of, parsed.title);
+		refuse_title(of, parsed.title, parsed.with_private);
 	if (found_event && found_event->is_hidden)
 		throw failure(STATUS_USAGE,
 			      fmt::format("The event {} is on private buses only: --private", found_event->title));

@@ -62,7 +62,7 @@ void enable_events(watch *of, const std::string &path)
 void take_private_bus(watch *of)
 {
 	of->private_bus = open_private_bus(of->bus.get());
-	of->private_objects = read_objects(of->private_bus.get());
+	of->private_objects = read_objects(of->private_bus.get(), of->is_talkative);
 	std::vector<std::string> paths;
 	for (const auto &[path, object] : of->private_objects)
 		paths.push_back(path);
@@ -80,7 +80,7 @@ void drop_private_bus(watch *of)
 void take_up(watch *of)
 {
 	try {
-		of->objects = read_objects(of->bus.get());
+		of->objects = read_objects(of->bus.get(), of->is_talkative);
 		if (of->with_private)
 			take_private_bus(of);
 	} catch (const failure &error) {
@@ -233,8 +233,10 @@ wake watch_wait(watch *waiting, std::optional<uint64_t> until, bool with_input)
 			polled[4] = poll_of(waiting->private_bus.get());
 			next = std::min(next, timeout_of(waiting->private_bus.get()));
 		}
-		if (poll(polled, std::size(polled), milliseconds_until(next)) < 0 && errno != EINTR)
-			check(-errno, "wait");
+		if (poll(polled, std::size(polled), milliseconds_until(next)) < 0) {
+			check(errno == EINTR ? 0 : -errno, "wait");
+			return wake::interrupted;
+		}
 		if (polled[0].revents || (polled[1].revents & (POLLERR | POLLHUP)))
 			return wake::ended;
 		if (polled[2].revents)

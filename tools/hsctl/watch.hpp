@@ -61,6 +61,8 @@ enum class wake {
 	timed_out,
 	/** There is something on standard input, which was asked for. */
 	input,
+	/** A signal has been handled elsewhere, such as that of a terminal's new size. */
+	interrupted,
 };
 
 /** Waits until the time of CLOCK_MONOTONIC in microseconds, for ever if there is none, and tells the listener. */
