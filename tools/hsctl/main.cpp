@@ -171,7 +171,7 @@ int parse_and_run(int argc, char *argv[])
 	app.footer(footer);
 	app.require_subcommand(0, 1);
 	app.failure_message(explain);
-	app.set_version_flag("--version", "hsctl " HSCTL_VERSION);
+	app.set_version_flag("--version", "hsctl " HSCTL_VERSION, "Prints the version and ends");
 	app.add_flag("--json{short}", parsed.json, "Prints JSON: --json=short on a line, --json=pretty on several")
 		->type_name("short|pretty")
 		->check(CLI::IsMember({"short", "pretty"}).description(""));
