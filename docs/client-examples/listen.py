@@ -79,7 +79,7 @@ def call(connection, message):
 
 
 def take_private_bus(system):
-    descriptor, = call(system, new_method_call(DBusAddress("/", SERVICE, SERVICE), "GetPrivateBus", "s", ("listen",)))
+    [descriptor] = call(system, new_method_call(DBusAddress("/", SERVICE, SERVICE), "GetPrivateBus", "s", ("listen",)))
     return PrivateBus(socket.socket(fileno=descriptor.to_raw_fd()))
 
 
