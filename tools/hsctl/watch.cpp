@@ -32,7 +32,9 @@ void block_signals(watch *started)
 	sigemptyset(&ends);
 	sigaddset(&ends, SIGINT);
 	sigaddset(&ends, SIGTERM);
-	check(sigprocmask(SIG_BLOCK, &ends, nullptr) < 0 ? -errno : 0, "block signals");
+	sigset_t blocked = ends;
+	sigaddset(&blocked, SIGWINCH);
+	check(sigprocmask(SIG_BLOCK, &blocked, nullptr) < 0 ? -errno : 0, "block signals");
 	started->signals = descriptor(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
 	check(started->signals.get() < 0 ? -errno : 0, "wait for signals");
 	/* A write then fails in its place. */
@@ -193,6 +195,16 @@ uint64_t timeout_of(sd_bus *bus)
 	return sd_bus_get_timeout(bus, &until) < 0 ? 0 : until;
 }
 
+/** poll, during which alone SIGWINCH comes: between two of them it would be told of too late. */
+int poll_with_resizes(pollfd *polled, nfds_t n_polled, int milliseconds)
+{
+	sigset_t mask;
+	sigprocmask(SIG_BLOCK, nullptr, &mask);
+	sigdelset(&mask, SIGWINCH);
+	const timespec duration{milliseconds / 1000, milliseconds % 1000 * 1000000L};
+	return ppoll(polled, n_polled, milliseconds < 0 ? nullptr : &duration, &mask);
+}
+
 /** Milliseconds for poll, rounded up. */
 int milliseconds_until(uint64_t until)
 {
@@ -233,7 +245,7 @@ wake watch_wait(watch *waiting, std::optional<uint64_t> until, bool with_input)
 			polled[4] = poll_of(waiting->private_bus.get());
 			next = std::min(next, timeout_of(waiting->private_bus.get()));
 		}
-		if (poll(polled, std::size(polled), milliseconds_until(next)) < 0) {
+		if (poll_with_resizes(polled, std::size(polled), milliseconds_until(next)) < 0) {
 			check(errno == EINTR ? 0 : -errno, "wait");
 			return wake::interrupted;
 		}
