@@ -1,5 +1,6 @@
 #include "dbus-get.hpp"
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -18,16 +19,62 @@
 
 namespace {
 
-/** The setting or event behind a property; null for what is generated. */
-hs_properties_ptr find_entry(const hs_source *source, const char *interface, const char *property)
+/** The setting or event behind a property. */
+struct entry {
+	/** False for what is generated. */
+	bool found;
+	/** Null where there is none. */
+	const char *value;
+	const char *complex_type;
+	/** Holds the texts, where they are not an event's own. */
+	hs_properties_ptr object;
+};
+
+entry entry_of(const hs_event &event)
 {
-	return hs_props_find(hs_dbus_property_table(source, interface), property);
+	return {true, event.value.c_str(), event.complex_type.c_str(), nullptr};
 }
+
+entry entry_of(hs_properties_ptr object)
+{
+	if (!object)
+		return {};
+	const char *value = pw_properties_get(object.get(), "value");
+	const char *complex_type = pw_properties_get(object.get(), "complexType");
+	return {true, value, complex_type, std::move(object)};
+}
+
+entry find_entry(const hs_source *source, const char *interface, const char *property)
+{
+	if (!hs_dbus_property_is_setting(interface)) {
+		const hs_event *event = hs_events_find(source->events, property);
+		return event ? entry_of(*event) : entry{};
+	}
+	return entry_of(hs_props_find(source->settings, property));
+}
+
+/*
+ * Each of these appends the value of a setting or event; negative where its text is no value of the type or
+ * does not go into the message.
+ */
+using append_entry = int (*)(sd_bus_message *reply, const hs_source *source, const char *property, const entry &entry);
 
 /** Answers with the result of appending the value. */
 int answer(int r, sd_bus_error *error, const char *property, const char *interface, const char *path)
 {
 	return r < 0 ? hs_dbus_property_fail(error, property, interface, path) : r;
+}
+
+/** Reads a property that is a setting or event, and nothing else. */
+template <append_entry Append>
+int get_entry(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
+	      void *data, sd_bus_error *error)
+{
+	const auto *source = static_cast<const hs_source *>(data);
+	const entry entry = find_entry(source, interface, property);
+	if (!entry.found)
+		return hs_dbus_property_fail(error, property, interface, path);
+	return answer(Append(reply, source, property, entry), error, property, interface, path);
 }
 
 bool generate_bool(sd_bus *bus, const hs_source *source, const char *interface, const char *property, bool *value)
@@ -47,67 +94,58 @@ bool generate_bool(sd_bus *bus, const hs_source *source, const char *interface, 
 	return true;
 }
 
+int append_bool(sd_bus_message *reply, const hs_source *, const char *, const entry &entry)
+{
+	const int value = entry.value && spa_atob(entry.value);
+	return entry.value ? sd_bus_message_append_basic(reply, 'b', &value) : -EINVAL;
+}
+
 int get_bool(sd_bus *bus, const char *path, const char *interface, const char *property, sd_bus_message *reply,
 	     void *data, sd_bus_error *error)
 {
 	const auto *source = static_cast<const hs_source *>(data);
+	const entry entry = find_entry(source, interface, property);
+	if (entry.found)
+		return answer(append_bool(reply, source, property, entry), error, property, interface, path);
 	bool value = false;
-	const hs_properties_ptr entry = find_entry(source, interface, property);
-	const bool known = entry ? pw_properties_fetch_bool(entry.get(), "value", &value) >= 0
-				 : generate_bool(bus, source, interface, property, &value);
-	if (!known)
+	if (!generate_bool(bus, source, interface, property, &value))
 		return hs_dbus_property_fail(error, property, interface, path);
 	return answer(sd_bus_message_append(reply, "b", value ? 1 : 0), error, property, interface, path);
 }
 
 template <typename T>
-using fetch_value = int (*)(const pw_properties *, const char *, T *);
+using parse_integer = bool (*)(const char *, T *, int);
 
-/** An integer of the entry; `Type` is its D-Bus type. */
-template <typename T, char Type, fetch_value<T> Fetch>
-int get_integer(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
-		void *data, sd_bus_error *error)
+/** `Type` is the D-Bus type. */
+template <typename T, char Type, parse_integer<T> Parse>
+int append_integer(sd_bus_message *reply, const hs_source *, const char *, const entry &entry)
 {
 	T value = 0;
-	const hs_properties_ptr entry = find_entry(static_cast<const hs_source *>(data), interface, property);
-	if (!entry || Fetch(entry.get(), "value", &value) < 0)
-		return hs_dbus_property_fail(error, property, interface, path);
-	return answer(sd_bus_message_append_basic(reply, Type, &value), error, property, interface, path);
+	return Parse(entry.value, &value, 0) ? sd_bus_message_append_basic(reply, Type, &value) : -EINVAL;
 }
 
-constexpr sd_bus_property_get_t get_uint32 = get_integer<uint32_t, 'u', pw_properties_fetch_uint32>;
-constexpr sd_bus_property_get_t get_int32 = get_integer<int32_t, 'i', pw_properties_fetch_int32>;
-constexpr sd_bus_property_get_t get_int64 = get_integer<int64_t, 'x', pw_properties_fetch_int64>;
+constexpr append_entry append_uint32 = append_integer<uint32_t, 'u', spa_atou32>;
+constexpr append_entry append_int32 = append_integer<int32_t, 'i', spa_atoi32>;
+constexpr append_entry append_int64 = append_integer<int64_t, 'x', spa_atoi64>;
 
-int get_float(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
-	      void *data, sd_bus_error *error)
+/** `Name` is the type's, for the log. */
+template <typename T, bool (*Parse)(const char *, T *), const char *Name>
+int append_real(sd_bus_message *reply, const hs_source *, const char *property, const entry &entry)
 {
-	const hs_properties_ptr entry = find_entry(static_cast<const hs_source *>(data), interface, property);
-	if (!entry)
-		return hs_dbus_property_fail(error, property, interface, path);
-	const char *text = pw_properties_get(entry.get(), "value");
-	float value = 0;
-	if (!hs_parse_float(text, &value)) {
-		pw_log_warn("Failed to parse \"%s\"=\"%s\" as float", property, text ? text : "(null)");
-		return hs_dbus_property_fail(error, property, interface, path);
+	T value = 0;
+	if (!Parse(entry.value, &value)) {
+		pw_log_warn("Failed to parse \"%s\"=\"%s\" as %s", property, entry.value ? entry.value : "(null)",
+			    Name);
+		return -EINVAL;
 	}
-	return answer(sd_bus_message_append(reply, "d", static_cast<double>(value)), error, property, interface, path);
+	const double real = value;
+	return sd_bus_message_append_basic(reply, 'd', &real);
 }
 
-int get_double(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
-	       void *data, sd_bus_error *error)
-{
-	const hs_properties_ptr entry = find_entry(static_cast<const hs_source *>(data), interface, property);
-	if (!entry)
-		return hs_dbus_property_fail(error, property, interface, path);
-	const char *text = pw_properties_get(entry.get(), "value");
-	double value = 0;
-	if (!hs_parse_double(text, &value)) {
-		pw_log_warn("Failed to parse \"%s\"=\"%s\" as double", property, text ? text : "(null)");
-		return hs_dbus_property_fail(error, property, interface, path);
-	}
-	return answer(sd_bus_message_append(reply, "d", value), error, property, interface, path);
-}
+constexpr char float_name[] = "float";
+constexpr char double_name[] = "double";
+constexpr append_entry append_float = append_real<float, hs_parse_float, float_name>;
+constexpr append_entry append_double = append_real<double, hs_parse_double, double_name>;
 
 struct topic_property {
 	const char *name;
@@ -154,13 +192,17 @@ std::optional<std::string> generate_string(const hs_source *source, const char *
 	return std::nullopt;
 }
 
+int append_string(sd_bus_message *reply, const hs_source *, const char *, const entry &entry)
+{
+	return sd_bus_message_append_basic(reply, 's', entry.value);
+}
+
 int get_string(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
 	       void *data, sd_bus_error *error)
 {
 	const auto *source = static_cast<const hs_source *>(data);
-	if (const hs_properties_ptr entry = find_entry(source, interface, property))
-		return answer(sd_bus_message_append(reply, "s", pw_properties_get(entry.get(), "value")), error,
-			      property, interface, path);
+	if (const entry entry = find_entry(source, interface, property); entry.found)
+		return answer(append_string(reply, source, property, entry), error, property, interface, path);
 	const std::optional<std::string> text = generate_string(source, interface, property);
 	if (!text)
 		return hs_dbus_property_fail(error, property, interface, path);
@@ -205,7 +247,7 @@ int append_strings(sd_bus_message *reply, char *const *values, uint32_t count)
 	return r < 0 ? r : sd_bus_message_close_container(reply);
 }
 
-int append_array(sd_bus_message *reply, const char *text, const char *complex_type)
+int append_elements(sd_bus_message *reply, const char *text, const char *complex_type)
 {
 	const size_t length = std::strlen(text);
 	const uint32_t count = hs_parse_array_count(text, length);
@@ -227,15 +269,9 @@ int append_array(sd_bus_message *reply, const char *text, const char *complex_ty
 	return sd_bus_message_append_array(reply, complex_type[1], buffer, size);
 }
 
-int get_array(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
-	      void *data, sd_bus_error *error)
+int append_array(sd_bus_message *reply, const hs_source *, const char *, const entry &entry)
 {
-	const hs_properties_ptr entry = find_entry(static_cast<const hs_source *>(data), interface, property);
-	const char *text = entry ? pw_properties_get(entry.get(), "value") : nullptr;
-	const char *complex_type = entry ? pw_properties_get(entry.get(), "complexType") : nullptr;
-	if (!text || !complex_type || append_array(reply, text, complex_type) < 0)
-		return hs_dbus_property_fail(error, property, interface, path);
-	return 1;
+	return entry.value && entry.complex_type ? append_elements(reply, entry.value, entry.complex_type) : -EINVAL;
 }
 
 /** Logs a step of building a dictionary that failed; passes the result on. */
@@ -325,14 +361,13 @@ int append_member(sd_bus_message *reply, const char *key, char type, const char 
 
 bool event_has_report(const hs_source *source, const char *title)
 {
-	const int position = hs_source_find_event(source, title);
-	return position >= 0 &&
-	       hs_source_has_report(source->interface, source->event_indices[static_cast<size_t>(position)]);
+	const hs_event *event = hs_events_find(source->events, title);
+	return event && hs_source_has_report(source->interface, event->index);
 }
 
 /** Appends a flat object as a dictionary, its members typed by the signature in their order. */
-int append_struct(sd_bus_message *reply, const hs_source *source, const char *property, const pw_properties *members,
-		  const char *signature)
+int append_members(sd_bus_message *reply, const hs_source *source, const char *property, const pw_properties *members,
+		   const char *signature)
 {
 	int r = check_step(sd_bus_message_open_container(reply, SD_BUS_TYPE_ARRAY, "{sv}"),
 			   "Unable to open array container");
@@ -355,44 +390,70 @@ int append_struct(sd_bus_message *reply, const hs_source *source, const char *pr
 	return check_step(sd_bus_message_close_container(reply), "Unable to close array container");
 }
 
+int append_struct(sd_bus_message *reply, const hs_source *source, const char *property, const entry &entry)
+{
+	if (!entry.value || !entry.complex_type)
+		return -EINVAL;
+	const hs_properties_ptr members(pw_properties_new_string(entry.value));
+	return members ? append_members(reply, source, property, members.get(), entry.complex_type) : -EINVAL;
+}
+
 int get_struct(sd_bus *, const char *path, const char *interface, const char *property, sd_bus_message *reply,
 	       void *data, sd_bus_error *error)
 {
 	const auto *source = static_cast<const hs_source *>(data);
-	const hs_properties_ptr entry = spa_streq(property, "DataTypes")
-						? hs_plugin_get_event_data_types(source->plugin, interface)
-						: find_entry(source, interface, property);
-	const char *text = entry ? pw_properties_get(entry.get(), "value") : nullptr;
-	const char *signature = entry ? pw_properties_get(entry.get(), "complexType") : nullptr;
-	if (!text || !signature)
-		return hs_dbus_property_fail(error, property, interface, path);
-	const hs_properties_ptr members(pw_properties_new_string(text));
-	if (!members || append_struct(reply, source, property, members.get(), signature) < 0)
-		return hs_dbus_property_fail(error, property, interface, path);
-	return 1;
+	const entry entry = spa_streq(property, "DataTypes")
+				    ? entry_of(hs_plugin_get_event_data_types(source->plugin, interface))
+				    : find_entry(source, interface, property);
+	return answer(append_struct(reply, source, property, entry), error, property, interface, path);
 }
 
 struct getter {
 	const char *signature;
 	sd_bus_property_get_t get;
+	append_entry append;
 };
 
+constexpr getter array_getter = {"a", get_entry<append_array>, append_array};
+constexpr getter struct_getter = {"(", get_struct, append_struct};
 constexpr getter getters[] = {
-	{"b", get_bool},  {"u", get_uint32}, {"i", get_int32},	{"x", get_int64},
-	{"f", get_float}, {"d", get_double}, {"s", get_string}, {"o", get_object_path},
+	{"b", get_bool, append_bool},
+	{"u", get_entry<append_uint32>, append_uint32},
+	{"i", get_entry<append_int32>, append_int32},
+	{"x", get_entry<append_int64>, append_int64},
+	{"f", get_entry<append_float>, append_float},
+	{"d", get_entry<append_double>, append_double},
+	{"s", get_string, append_string},
+	{"o", get_object_path, nullptr},
 };
+
+const getter *find_getter(const char *signature)
+{
+	if (spa_strstartswith(signature, array_getter.signature))
+		return &array_getter;
+	if (spa_strstartswith(signature, struct_getter.signature))
+		return &struct_getter;
+	for (const getter &getter : getters) {
+		if (spa_streq(signature, getter.signature))
+			return &getter;
+	}
+	return nullptr;
+}
 
 } // namespace
 
 sd_bus_property_get_t hs_dbus_get_find(const char *signature)
 {
-	if (spa_strstartswith(signature, "a"))
-		return get_array;
-	if (spa_strstartswith(signature, "("))
-		return get_struct;
-	for (const getter &getter : getters) {
-		if (spa_streq(signature, getter.signature))
-			return getter.get;
-	}
-	return nullptr;
+	const getter *found = find_getter(signature);
+	return found ? found->get : nullptr;
+}
+
+int hs_dbus_get_append_event(sd_bus_message *message, const hs_source *source, const hs_event &event,
+			     const char *signature)
+{
+	const getter *found = find_getter(signature);
+	if (!found || !found->append)
+		return -EINVAL;
+	/* What reading the property would give for any failure. */
+	return found->append(message, source, event.title.c_str(), entry_of(event)) < 0 ? -EIO : 0;
 }

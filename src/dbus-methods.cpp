@@ -100,7 +100,7 @@ int hs_dbus_trigger_event(sd_bus_message *message, void *data, sd_bus_error *err
 	const std::string interface = dbus->interface.substr(0, dbus->interface.size() - std::strlen(trigger_suffix));
 	const std::string event_name = interface.substr(interface.rfind('.') + 1);
 
-	hs_props_set_value(dbus->owner->events, event_name.c_str(), triggered_value);
+	hs_events_set_value(dbus->owner->events, event_name.c_str(), triggered_value);
 	const int r = reply_empty(message, "TriggerEvent", error);
 	if (r < 0)
 		return r;

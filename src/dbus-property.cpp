@@ -6,7 +6,6 @@
 
 #include "assert.hpp"
 #include "dbus.hpp"
-#include "source.hpp"
 
 int hs_dbus_property_fail(sd_bus_error *error, const char *property, const char *interface, const char *path)
 {
@@ -14,9 +13,9 @@ int hs_dbus_property_fail(sd_bus_error *error, const char *property, const char 
 				 property, interface, path);
 }
 
-pw_properties *hs_dbus_property_table(const hs_source *source, const char *interface)
+bool hs_dbus_property_is_setting(const char *interface)
 {
-	return spa_strstartswith(interface, HS_DBUS_SETTINGS_PREFIX) ? source->settings : source->events;
+	return spa_strstartswith(interface, HS_DBUS_SETTINGS_PREFIX);
 }
 
 const char *hs_dbus_property_event(const char *interface)

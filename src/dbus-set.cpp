@@ -56,9 +56,8 @@ int emit_changed(const write &write)
 /** Hands the value to the source; `signature` names its type. */
 int apply(const write &write, const char *signature, const char *text)
 {
-	pw_properties *table = hs_dbus_property_table(write.source, write.interface);
 	const hs_schema_type *type = hs_schema_type_by_signature(signature);
-	if (!hs_source_handle_settings(write.source, table, write.property, text, type->name)) {
+	if (!hs_source_handle_settings(write.source, write.source->settings, write.property, text, type->name)) {
 		pw_log_error("Failed to set property %s", write.property);
 		return fail(write);
 	}
@@ -123,8 +122,8 @@ void cut_text(const char *value, value_text &text)
 /** Whether the text reads back as itself from the setting's entry and from the settings file. */
 bool survives_storage(const write &write, const char *text)
 {
-	const pw_properties *table = hs_dbus_property_table(write.source, write.interface);
-	return hs_props_value_survives(table, write.property, text) && hs_settings_value_survives(text);
+	return hs_props_value_survives(write.source->settings, write.property, text) &&
+	       hs_settings_value_survives(text);
 }
 
 int set_string(const write &write)
@@ -159,6 +158,14 @@ int set_bool(const write &write)
 	return apply(write, "b", value == 1 ? "true" : "false");
 }
 
+/** Of an event, nothing but its status on a bus is written. */
+bool is_writable(const write &write)
+{
+	if (hs_dbus_property_is_setting(write.interface))
+		return write.source->settings;
+	return !write.source->events.empty() && spa_streq(write.property, "EnableEvent");
+}
+
 /** Checks the caller's rights before `Set` reads the value. */
 template <int (*Set)(const write &)>
 int on_set(sd_bus *bus, const char *path, const char *interface, const char *property, sd_bus_message *message,
@@ -168,7 +175,7 @@ int on_set(sd_bus *bus, const char *path, const char *interface, const char *pro
 	/* With the value unread, a negative result and the error filled, sd-bus sends exactly one answer. */
 	if (!hs_authorization_is_authorized(message, interface, property, error))
 		return -sd_bus_error_get_errno(error);
-	if (!hs_dbus_property_table(write.source, interface))
+	if (!is_writable(write))
 		return fail(write);
 	return Set(write);
 }

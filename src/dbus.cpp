@@ -95,24 +95,25 @@ int add_method(hs_source *source, sd_bus *bus, const std::string &path, const st
 }
 
 /** The D-Bus signature of a setting or event; null where it has none. */
-const char *choose_signature(const pw_properties *entry)
+const char *choose_signature(const hs_schema_type *type, const char *complex_type)
 {
-	const char *type_name = pw_properties_get(entry, "type");
-	if (spa_streq(type_name, "array") || spa_streq(type_name, "struct"))
-		return pw_properties_get(entry, "complexType");
-	const hs_schema_type *type = hs_schema_type_by_name(type_name);
-	return type ? type->signature : nullptr;
+	if (!type)
+		return nullptr;
+	return type->id == SPA_TYPE_Array || type->id == SPA_TYPE_Struct ? complex_type : type->signature;
+}
+
+const char *signature_of(const hs_event &event)
+{
+	return choose_signature(event.type, event.complex_type.c_str());
 }
 
 using entry_table_builder = sd_bus_vtable *(*)(const char *signature, const char *name);
 
 /** Registers a setting or event as the table `build` makes of it. */
-int add_entry(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *entry,
-	      entry_table_builder build)
+int add_entry(hs_source *source, sd_bus *bus, const std::string &interface, const char *title, const char *type,
+	      const char *signature, entry_table_builder build)
 {
-	const char *signature = choose_signature(entry);
-	dbus_ptr dbus = dbus_new(source, pw_properties_get(entry, "title"), pw_properties_get(entry, "type"), signature,
-				 interface);
+	dbus_ptr dbus = dbus_new(source, title, type, signature, interface);
 	if (signature)
 		dbus->vtable = build(dbus->signature.c_str(), dbus->name.c_str());
 	return add_to_bus(std::move(dbus), bus, source->object_path, source);
@@ -120,11 +121,15 @@ int add_entry(hs_source *source, sd_bus *bus, const std::string &interface, cons
 
 void add_setting(hs_source *source, sd_bus *bus, const pw_properties *setting)
 {
-	const int r = add_entry(source, bus, source->settings_interface, setting, hs_dbus_cb_writeable_property);
+	const char *title = pw_properties_get(setting, "title");
+	const char *type = pw_properties_get(setting, "type");
+	const char *signature =
+		choose_signature(hs_schema_type_by_name(type), pw_properties_get(setting, "complexType"));
+	const int r = add_entry(source, bus, source->settings_interface, title, type, signature,
+				hs_dbus_cb_writeable_property);
 	if (r < 0)
 		pw_log_error("Failed to setup dbus setting %s, %s, %s with error: %s", source->object_path.c_str(),
-			     source->settings_interface.c_str(), pw_properties_get(setting, "title"),
-			     std::strerror(-r));
+			     source->settings_interface.c_str(), title, std::strerror(-r));
 }
 
 void add_settings(hs_source *source, sd_bus *bus)
@@ -158,42 +163,42 @@ void add_event_properties(hs_source *source, sd_bus *bus, const std::string &int
 }
 
 /** Registers an event with its fixed properties; a negative result is the event's own. */
-int register_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
+int register_event(hs_source *source, sd_bus *bus, const std::string &interface, const hs_event &event)
 {
-	const int r = add_entry(source, bus, interface, event, hs_dbus_cb_property_emits_change);
+	const int r = add_entry(source, bus, interface, event.title.c_str(), event.type->name, signature_of(event),
+				hs_dbus_cb_property_emits_change);
 	if (r >= 0)
 		add_event_properties(source, bus, interface);
 	return r;
 }
 
-bool add_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
+bool add_event(hs_source *source, sd_bus *bus, const std::string &interface, const hs_event &event)
 {
 	const int r = register_event(source, bus, interface, event);
 	if (r < 0)
 		pw_log_error("Failed to setup dbus event %s, %s, %s with error: %s", source->object_path.c_str(),
-			     interface.c_str(), pw_properties_get(event, "title"), std::strerror(-r));
+			     interface.c_str(), event.title.c_str(), std::strerror(-r));
 	return r >= 0;
 }
 
-bool add_private_event(hs_source *source, sd_bus *bus, const std::string &interface, const pw_properties *event)
+bool add_private_event(hs_source *source, sd_bus *bus, const std::string &interface, const hs_event &event)
 {
 	const int r = register_event(source, bus, interface, event);
 	if (r < 0)
 		pw_log_error("Failed to setup private dbus event: %s, %s, %s with error: %s",
-			     source->object_path.c_str(), interface.c_str(), pw_properties_get(event, "title"),
-			     std::strerror(-r));
+			     source->object_path.c_str(), interface.c_str(), event.title.c_str(), std::strerror(-r));
 	return r >= 0;
 }
 
 /** Publishes one event where it belongs; false where its trigger can not be. */
-bool publish_event(hs_context *context, hs_source *source, size_t position, const pw_properties *event)
+bool publish_event(hs_context *context, hs_source *source, size_t position)
 {
 	const std::string &interface = source->event_interfaces[position];
-	const char *title = pw_properties_get(event, "title");
+	const hs_event &event = source->events[position];
 	bool is_published = true;
-	if (hs_plugin_event_is_public(source->plugin, interface.c_str())) {
+	if (source->event_public[position]) {
 		is_published = add_event(source, context->bus, interface, event);
-		hs_loop_bus_set_event_status(context->loop, context->bus, title, source, true);
+		hs_loop_bus_set_event_status(context->loop, context->bus, event.title.c_str(), source, true);
 	} else {
 		void *cursor = nullptr;
 		while (sd_bus *bus = hs_loop_bus_iterate(context->loop, &cursor))
@@ -201,34 +206,19 @@ bool publish_event(hs_context *context, hs_source *source, size_t position, cons
 	}
 	source->event_published[position] = is_published;
 
-	const char *value = pw_properties_get(event, "value");
-	if (!value || !std::strstr(value, "Detected"))
+	if (event.value.find("Detected") == std::string::npos)
 		return true;
 	return add_method(source, context->bus, source->object_path, interface + ".Methods", "TriggerEvent",
 			  hs_dbus_trigger_event, nullptr, nullptr) >= 0;
 }
 
-/** Calls `visit` with the position and description of each event, until it answers false. */
-template <typename Visit>
-bool visit_events(hs_source *source, Visit visit)
+bool publish_events(hs_context *context, hs_source *source)
 {
-	if (!source->events)
-		return true;
-	void *state = nullptr;
-	size_t position = 0;
-	while (const char *key = pw_properties_iterate(source->events, &state)) {
-		const hs_properties_ptr event(pw_properties_new_string(pw_properties_get(source->events, key)));
-		if (!visit(position++, event.get()))
+	for (size_t position = 0; position < source->events.size(); ++position) {
+		if (!publish_event(context, source, position))
 			return false;
 	}
 	return true;
-}
-
-bool publish_events(hs_context *context, hs_source *source)
-{
-	return visit_events(source, [context, source](size_t position, const pw_properties *event) {
-		return publish_event(context, source, position, event);
-	});
 }
 
 void publish_instance(hs_source *source, sd_bus *bus)
@@ -294,10 +284,10 @@ void announce_shared(sd_bus *bus, const std::string &path)
 struct event_signal {
 	hs_source *source;
 	const char *interface;
-	const char *title;
+	const hs_event &event;
 	bool force;
-	/** Of the value; null where only sd-bus knows whether, and as what, the event is on a bus. */
-	const char *signature;
+	/** On every bus that it belongs to; otherwise only sd-bus knows where. */
+	bool is_published;
 	/** As the first bus got it; null until then. */
 	hs_message_ptr sent;
 };
@@ -305,23 +295,19 @@ struct event_signal {
 /** Appends what sd-bus itself appends for one property that has changed. */
 int append_change(sd_bus_message *message, const event_signal &news)
 {
-	const hs_source *source = news.source;
-	int r = sd_bus_message_append(message, "s", news.interface);
+	const char *signature = signature_of(news.event);
+	int r = sd_bus_message_append_basic(message, 's', news.interface);
 	if (r >= 0)
 		r = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
 	if (r >= 0)
 		r = sd_bus_message_open_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv");
 	if (r >= 0)
-		r = sd_bus_message_append(message, "s", news.title);
+		r = sd_bus_message_append_basic(message, 's', news.event.title.c_str());
 	if (r >= 0)
 		r = sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT,
-						  hs_dbus_cb_published_signature(news.signature));
-	if (r < 0)
-		return r;
-	sd_bus_error error = SD_BUS_ERROR_NULL;
-	const std::unique_ptr<sd_bus_error, hs_release<sd_bus_error_free>> texts(&error);
-	r = hs_dbus_get_find(news.signature)(sd_bus_message_get_bus(message), source->object_path.c_str(),
-					     news.interface, news.title, message, news.source, &error);
+						  hs_dbus_cb_published_signature(signature));
+	if (r >= 0)
+		r = hs_dbus_get_append_event(message, news.source, news.event, signature);
 	for (int n_open = 3; n_open > 0 && r >= 0; --n_open)
 		r = sd_bus_message_close_container(message);
 	return r < 0 ? r : sd_bus_message_append(message, "as", 0);
@@ -356,16 +342,16 @@ void emit_on_bus(sd_bus *bus, event_signal *news)
 	const hs_context *context = hs_context_get();
 	const char *path = news->source->object_path.c_str();
 	bool enabled = false;
-	if (!hs_loop_bus_get_event_status(context->loop, bus, news->source, news->title, &enabled))
+	const char *title = news->event.title.c_str();
+	if (!hs_loop_bus_get_event_status(context->loop, bus, news->source, title, &enabled))
 		return;
 	if (!news->force && !enabled)
 		return;
-	const int r = news->signature
-			      ? send_change(bus, news)
-			      : sd_bus_emit_properties_changed(bus, path, news->interface, news->title, nullptr);
+	const int r = news->is_published ? send_change(bus, news)
+					 : sd_bus_emit_properties_changed(bus, path, news->interface, title, nullptr);
 	if (r < 0 && r != -ENOTCONN && bus != context->bus)
 		pw_log_warn("Could not emit signal on private bus %p, path %s, interface %s, property %s: %s",
-			    static_cast<void *>(bus), path, news->interface, news->title, std::strerror(-r));
+			    static_cast<void *>(bus), path, news->interface, title, std::strerror(-r));
 }
 
 /** Another published source on the shared object that the record is a member of; null where it is none. */
@@ -472,14 +458,13 @@ bool hs_dbus_setup_plugin_instance_interface(hs_source *source, sd_bus *bus)
 
 void hs_dbus_add_private_events(hs_source *source, sd_bus *bus)
 {
-	visit_events(source, [source, bus](size_t position, const pw_properties *event) {
-		const std::string &interface = source->event_interfaces[position];
-		const bool is_missing = !hs_plugin_event_is_public(source->plugin, interface.c_str()) &&
-					!add_private_event(source, bus, interface, event);
+	for (size_t position = 0; position < source->events.size(); ++position) {
+		const bool is_missing =
+			!source->event_public[position] &&
+			!add_private_event(source, bus, source->event_interfaces[position], source->events[position]);
 		if (is_missing)
 			source->event_published[position] = false;
-		return true;
-	});
+	}
 }
 
 bool hs_dbus_setup_plugin_interfaces(hs_source *source)
@@ -539,17 +524,18 @@ void hs_dbus_remove_bus(sd_bus *bus)
 
 void hs_dbus_emit_event(hs_source *source, const char *title, bool force)
 {
-	const int found = hs_source_find_event(source, title);
-	if (found < 0)
-		return;
-	const auto position = static_cast<size_t>(found);
-	const char *interface = source->event_interfaces[position].c_str();
-	const hs_properties_ptr event = hs_props_find(source->events, title);
-	const char *signature = source->event_published[position] ? choose_signature(event.get()) : nullptr;
-	event_signal news{source, interface, title, force, signature, nullptr};
+	if (const hs_event *event = hs_events_find(source->events, title))
+		hs_dbus_signal_event(source, *event, force);
+}
+
+void hs_dbus_signal_event(hs_source *source, const hs_event &event, bool force)
+{
+	const auto position = static_cast<size_t>(&event - source->events.data());
+	event_signal news{source, source->event_interfaces[position].c_str(),		event,
+			  force,  static_cast<bool>(source->event_published[position]), nullptr};
 
 	const hs_context *context = hs_context_get();
-	if (hs_plugin_event_is_public(source->plugin, interface)) {
+	if (source->event_public[position]) {
 		if (context->bus)
 			emit_on_bus(context->bus, &news);
 		return;

@@ -14,6 +14,7 @@
 #include <systemd/sd-bus.h>
 
 struct hs_context;
+struct hs_event;
 struct hs_source;
 
 inline constexpr char HS_DBUS_SERVICE[] = "com.orvel.HearSense";
@@ -76,7 +77,9 @@ void hs_dbus_remove_source(hs_source *source);
 void hs_dbus_remove_bus(sd_bus *bus);
 
 /**
- * Signals the value of the event with that title on the buses it belongs to: where it is enabled or, with
+ * Signals the value of one of the source's events on the buses it belongs to: where it is enabled or, with
  * `force`, everywhere.
  */
+void hs_dbus_signal_event(hs_source *source, const hs_event &event, bool force);
+/** The same for the event of that title; nothing where there is none. */
 void hs_dbus_emit_event(hs_source *source, const char *title, bool force);

@@ -1,8 +1,11 @@
 #include "event.hpp"
 
+#include <algorithm>
+#include <cstring>
+
+#include <spa/pod/pod.h>
 #include <spa/utils/string.h>
 
-#include "assert.hpp"
 #include "log.hpp"
 #include "plugin.hpp"
 #include "pod.hpp"
@@ -15,95 +18,227 @@ const char *event_name(const hs_pod &event)
 	return event.title ? event.title->c_str() : "";
 }
 
+/** Whether the event is short enough with that value; clients know that longer ones do not come. */
+bool fits(const hs_event &event, const char *value)
+{
+	constexpr size_t longest_escape = 6;
+	constexpr size_t frame = 128;
+	const size_t n_characters = event.title.size() + event.complex_type.size() + std::strlen(value);
+	if (frame + longest_escape * n_characters < HS_PROPS_OBJECT_SIZE)
+		return true;
+
+	const hs_properties_ptr object(pw_properties_new("title", event.title.c_str(), "type", event.type->name,
+							 "complexType", event.complex_type.c_str(), "value", value,
+							 nullptr));
+	char text[HS_PROPS_OBJECT_SIZE];
+	return hs_props_to_json(object.get(), text, sizeof(text)) >= 0;
+}
+
+void log_unset(const char *title, const char *value)
+{
+	pw_log_error("Failed to set value %s for props title %s", value, title);
+}
+
+void set_value(hs_event *event, const char *value)
+{
+	if (!fits(*event, value))
+		return log_unset(event->title.c_str(), value);
+	event->value = value;
+	event->said.clear();
+}
+
 bool report_differs(const char *stored_value, const char *new_value)
 {
-	const hs_properties_ptr stored(pw_properties_new_string(stored_value ? stored_value : ""));
+	const hs_properties_ptr stored(pw_properties_new_string(stored_value));
 	const hs_properties_ptr updated(pw_properties_new_string(new_value));
 	return !spa_streq(pw_properties_get(stored.get(), "Report"), pw_properties_get(updated.get(), "Report"));
 }
 
-/** Describes one event in the table; false where it is left out. */
-bool add_event(pw_properties *events, hs_plugin_interface *interface, uint32_t index)
+void describe(hs_events *events, hs_plugin_interface *interface, uint32_t index)
 {
 	hs_pod_buffer buffer;
-	const hs_pod_ptr event = hs_pod_parse(hs_plugin_fetch_event(interface, index, &buffer));
-	if (!event || !event->title)
+	const hs_pod_ptr pod = hs_pod_parse(hs_plugin_fetch_event(interface, index, &buffer));
+	if (!pod || !pod->title || pod->title->empty() || hs_events_find(*events, pod->title->c_str()))
+		return;
+	hs_event event{*pod->title,    hs_schema_type_by_name(hs_c_str(pod->type)),
+		       pod->signature, hs_pod_value_text(*pod),
+		       index,	       {}};
+	if (fits(event, event.value.c_str()))
+		events->push_back(std::move(event));
+	else
+		pw_log_warn("%s is left out, it is too long", event.title.c_str());
+}
+
+/** The event of that index of the plug-in; null where it was left out. */
+hs_event *event_at(hs_events &events, uint32_t index)
+{
+	if (index < events.size() && events[index].index == index)
+		return &events[index];
+	const auto found = std::lower_bound(events.begin(), events.end(), index,
+					    [](const hs_event &event, uint32_t i) { return event.index < i; });
+	return found != events.end() && found->index == index ? &*found : nullptr;
+}
+
+void remember(hs_event *event, const spa_pod *pod)
+{
+	const auto *bytes = reinterpret_cast<const std::byte *>(pod);
+	event->said.assign(bytes, bytes + SPA_POD_SIZE(pod));
+}
+
+/** Whoever traces wants to see each POD parsed. */
+bool is_tracing()
+{
+	return pw_log_topic_enabled(SPA_LOG_LEVEL_TRACE, hs_log_topic);
+}
+
+/** Nearly every look at an event ends here. */
+bool is_said_again(const hs_event &event, const spa_pod *pod)
+{
+	return event.said.size() == SPA_POD_SIZE(pod) && std::memcmp(event.said.data(), pod, event.said.size()) == 0 &&
+	       !is_tracing();
+}
+
+enum class verdict { rejected, unchanged, changed };
+
+/** What a look at an event found. */
+struct news {
+	/** Null where the title is of no event. */
+	hs_event *event;
+	verdict found;
+	bool report_changed;
+};
+
+/** `expected` (may be null) is the event that the pod most likely speaks of. */
+news update(hs_events &events, hs_event *expected, const hs_pod &pod)
+{
+	const char *name = event_name(pod);
+	const char *value = hs_pod_value_text(pod);
+	hs_event *event = expected && expected->title == name ? expected : hs_events_find(events, name);
+	const hs_schema_type *type = hs_schema_type_by_name(hs_c_str(pod.type));
+	if (!type) {
+		pw_log_warn("Unsupported type '%s' (\"%s\"=\"%s\")", pod.type ? pod.type->c_str() : "(null)", name,
+			    pod.value);
+		return {event, verdict::rejected, false};
+	}
+	const bool is_complex = type->id == SPA_TYPE_Array || type->id == SPA_TYPE_Struct;
+	if (!is_complex && !hs_pod_value_is_valid(*type, value)) {
+		pw_log_warn("Failed to parse \"%s\"=\"%s\" as %s", name, value, type->name);
+		return {event, verdict::rejected, false};
+	}
+	if (!event) {
+		log_unset(name, value);
+		return {nullptr, verdict::changed, false};
+	}
+	if (event->value == value)
+		return {event, verdict::unchanged, false};
+
+	const bool report_changed = type->id == SPA_TYPE_Struct && report_differs(event->value.c_str(), value);
+	set_value(event, value);
+	return {event, verdict::changed, report_changed};
+}
+
+/**
+ * Does for a scalar what the long way does, but for its log lines: what would have one is left to it. Returns
+ * whether it did.
+ */
+bool update_scalar(hs_event *event, const spa_pod *pod, news *result)
+{
+	hs_pod_scalar scalar;
+	if (is_tracing() || !hs_pod_read_scalar(pod, &scalar) || event->title != scalar.title)
 		return false;
-	const uint32_t n_before = events->dict.n_items;
-	hs_props_add_object(events, {
-					    {"title", hs_c_str(event->title)},
-					    {"type", hs_c_str(event->type)},
-					    {"complexType", event->signature},
-					    {"value", hs_pod_value_text(*event)},
-				    });
-	return events->dict.n_items > n_before;
+	/* A number that was made into digits is a number, but for one without a sign. */
+	if (scalar.type->id == SPA_TYPE_Id && scalar.value[0] == '-')
+		return false;
+	const bool is_changed = event->value != scalar.value;
+	if (is_changed) {
+		if (!fits(*event, scalar.value))
+			return false;
+		event->value = scalar.value;
+	}
+	remember(event, pod);
+	*result = {event, is_changed ? verdict::changed : verdict::unchanged, false};
+	return true;
+}
+
+/** Looks at what the plug-in gave for the event of that index; false where it is no description. */
+bool look(hs_events &events, uint32_t index, const spa_pod *pod, news *result)
+{
+	hs_event *expected = event_at(events, index);
+	if (expected && is_said_again(*expected, pod)) {
+		*result = {expected, verdict::unchanged, false};
+		return true;
+	}
+	if (expected && update_scalar(expected, pod, result))
+		return true;
+	const hs_pod_ptr parsed = hs_pod_parse(pod);
+	if (!parsed)
+		return false;
+	*result = update(events, expected, *parsed);
+	const bool is_stored = result->event && result->event == expected && result->found != verdict::rejected &&
+			       expected->value == hs_pod_value_text(*parsed);
+	if (is_stored)
+		remember(expected, pod);
+	return true;
 }
 
 } // namespace
 
-pw_properties *hs_event_table_new(hs_plugin_interface *interface, int n_events, std::vector<uint32_t> *indices)
+hs_events hs_events_describe(hs_plugin_interface *interface, int n_events)
 {
-	pw_properties *events = pw_properties_new(nullptr, nullptr);
-	HS_ASSERT(events);
-	for (int i = 0; i < n_events; ++i) {
-		const auto index = static_cast<uint32_t>(i);
-		if (add_event(events, interface, index))
-			indices->push_back(index);
-	}
+	hs_events events;
+	for (int i = 0; i < n_events; ++i)
+		describe(&events, interface, static_cast<uint32_t>(i));
 	return events;
 }
 
-bool hs_event_update(pw_properties *events, const hs_pod &event, bool *report_changed)
+const hs_event *hs_events_find(const hs_events &events, const char *title)
 {
-	*report_changed = false;
-	const char *name = event_name(event);
-	const hs_schema_type *type = hs_schema_type_by_name(hs_c_str(event.type));
-	if (!type) {
-		pw_log_warn("Unsupported type '%s' (\"%s\"=\"%s\")", event.type ? event.type->c_str() : "(null)", name,
-			    event.value);
-		return false;
-	}
-
-	const char *value = hs_pod_value_text(event);
-	const bool is_complex = type->id == SPA_TYPE_Array || type->id == SPA_TYPE_Struct;
-	if (!is_complex && !hs_pod_value_is_valid(*type, value)) {
-		pw_log_warn("Failed to parse \"%s\"=\"%s\" as %s", name, value, type->name);
-		return false;
-	}
-
-	const hs_properties_ptr stored = hs_props_find(events, name);
-	const char *stored_value = stored ? pw_properties_get(stored.get(), "value") : nullptr;
-	if (spa_streq(stored_value, value))
-		return false;
-
-	if (type->id == SPA_TYPE_Struct)
-		*report_changed = report_differs(stored_value, value);
-	hs_props_set_value(events, name, value);
-	return true;
+	const auto found = std::find_if(events.begin(), events.end(),
+					[title](const hs_event &event) { return title && event.title == title; });
+	return found != events.end() ? &*found : nullptr;
 }
 
-void hs_event_handle_all(hs_plugin_interface *interface, pw_properties *events, bool force, hs_event_tell tell,
-			 void *data)
+hs_event *hs_events_find(hs_events &events, const char *title)
+{
+	return const_cast<hs_event *>(hs_events_find(std::as_const(events), title));
+}
+
+void hs_events_set_value(hs_events &events, const char *title, const char *value)
+{
+	if (hs_event *event = hs_events_find(events, title))
+		set_value(event, value);
+	else
+		log_unset(title, value);
+}
+
+bool hs_events_update(hs_events &events, const hs_pod &event, bool *report_changed)
+{
+	const news result = update(events, nullptr, event);
+	*report_changed = result.report_changed;
+	return result.found == verdict::changed;
+}
+
+void hs_events_handle_all(hs_plugin_interface *interface, hs_events &events, bool force, hs_event_tell tell, void *data)
 {
 	const int n_events = hs_plugin_count_events(interface);
 	for (int i = 0; i < n_events; ++i) {
+		const auto index = static_cast<uint32_t>(i);
 		hs_pod_buffer buffer;
-		const spa_pod *pod = hs_plugin_fetch_event(interface, static_cast<uint32_t>(i), &buffer);
+		const spa_pod *pod = hs_plugin_fetch_event(interface, index, &buffer);
 		if (!pod) {
 			pw_log_warn("Could not fetch event with index %d", i);
 			continue;
 		}
-		const hs_pod_ptr event = hs_pod_parse(pod);
-		if (!event)
+		news result;
+		if (!look(events, index, pod, &result) || !result.event)
 			continue;
-		bool report_changed = false;
-		if (hs_event_update(events, *event, &report_changed) || force)
-			tell(data, event_name(*event), report_changed);
+		if (result.found == verdict::changed || force)
+			tell(data, *result.event, result.report_changed);
 	}
 }
 
-void hs_event_handle_one(hs_plugin_interface *interface, pw_properties *events, uint32_t index, bool force,
-			 hs_event_tell tell, void *data)
+void hs_events_handle_one(hs_plugin_interface *interface, hs_events &events, uint32_t index, bool force,
+			  hs_event_tell tell, void *data)
 {
 	hs_pod_buffer buffer;
 	const spa_pod *pod = hs_plugin_fetch_event(interface, index, &buffer);
@@ -111,12 +246,11 @@ void hs_event_handle_one(hs_plugin_interface *interface, pw_properties *events, 
 		pw_log_error("Event index %d out of range", static_cast<int>(index));
 		return;
 	}
-	const hs_pod_ptr event = hs_pod_parse(pod);
-	if (!event) {
+	news result;
+	if (!look(events, index, pod, &result)) {
 		pw_log_error("Could not parse pod for event index %d", static_cast<int>(index));
 		return;
 	}
-	bool report_changed = false;
-	if (hs_event_update(events, *event, &report_changed) || force)
-		tell(data, event_name(*event), force || report_changed);
+	if (result.event && (result.found == verdict::changed || force))
+		tell(data, *result.event, force || result.report_changed);
 }

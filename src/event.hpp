@@ -7,32 +7,57 @@
  */
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
-struct pw_properties;
 struct hs_plugin_interface;
 struct hs_pod;
+struct hs_schema_type;
 
-/** Told of the event `title`; `is_report` where the value is for everyone, even those who did not enable the event. */
-using hs_event_tell = void (*)(void *data, const char *title, bool is_report);
+struct hs_event {
+	std::string title;
+	const hs_schema_type *type;
+	/** D-Bus signature of an array or structure; empty for a scalar. */
+	std::string complex_type;
+	/** The last accepted value as text; see hs_pod_value_text. */
+	std::string value;
+	/** The plug-in's index. */
+	uint32_t index;
+	/** The POD that gave `value`, for a quick look whether there is news; empty where it came otherwise. */
+	std::vector<std::byte> said;
+};
+
+/** By rising index. */
+using hs_events = std::vector<hs_event>;
+
+/** Told of an event; `is_report` where the value is for everyone, even those who did not enable the event. */
+using hs_event_tell = void (*)(void *data, const hs_event &event, bool is_report);
 
 /**
- * One object for each of the first `n_events` events with "title", "type", "complexType" and "value"; an
- * event that cannot be described is left out. `indices` is given the plug-in's index of each.
+ * The first `n_events` events. Left out are those that cannot be described or have no title, or the title of
+ * another, or too long a value.
  */
-pw_properties *hs_event_table_new(hs_plugin_interface *interface, int n_events, std::vector<uint32_t> *indices);
+hs_events hs_events_describe(hs_plugin_interface *interface, int n_events);
+
+/** The event of that title; null where there is none. */
+hs_event *hs_events_find(hs_events &events, const char *title);
+const hs_event *hs_events_find(const hs_events &events, const char *title);
 
 /** Looks at every event; `force` tells of unchanged ones too. */
-void hs_event_handle_all(hs_plugin_interface *interface, pw_properties *events, bool force, hs_event_tell tell,
-			 void *data);
+void hs_events_handle_all(hs_plugin_interface *interface, hs_events &events, bool force, hs_event_tell tell,
+			  void *data);
 
 /** Looks at one event; `force` tells of it, changed or not, as a report. */
-void hs_event_handle_one(hs_plugin_interface *interface, pw_properties *events, uint32_t index, bool force,
-			 hs_event_tell tell, void *data);
+void hs_events_handle_one(hs_plugin_interface *interface, hs_events &events, uint32_t index, bool force,
+			  hs_event_tell tell, void *data);
 
 /**
- * Stores the event's value in the table. Returns whether it changed; `report_changed` tells whether the
+ * Stores the value under the event's title. Returns whether it changed; `report_changed` tells whether the
  * "Report" member of a structure did.
  */
-bool hs_event_update(pw_properties *events, const hs_pod &event, bool *report_changed);
+bool hs_events_update(hs_events &events, const hs_pod &event, bool *report_changed);
+
+/** Stores a value that is not the plug-in's; logs an error where there is no such title or the value is too long. */
+void hs_events_set_value(hs_events &events, const char *title, const char *value);

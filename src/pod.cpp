@@ -30,8 +30,7 @@ namespace {
 /** Largest value that a description may have, in bytes. */
 constexpr uint32_t max_value_size = 0xfffff;
 
-/** Room for any number in decimal: 309 digits before the point, 6 behind it, sign and terminator. */
-using digits = char[320];
+using digits = decltype(hs_pod_scalar::digits);
 
 struct description {
 	const char *name;
@@ -418,6 +417,28 @@ hs_pod_ptr hs_pod_parse(const spa_pod *pod)
 	}
 	pw_log_trace("Parsed POD %s with type %s.", title_of(*parsed), type->name);
 	return parsed;
+}
+
+bool hs_pod_read_scalar(const spa_pod *pod, hs_pod_scalar *scalar)
+{
+	description about;
+	if (!read_description(pod, &about) || !about.name)
+		return false;
+	const hs_schema_type *type = hs_schema_type_by_id(about.value->type);
+	if (!type)
+		return false;
+	const char *value = scalar_text(type->id, body_of(about.value), about.value->size, scalar->digits);
+	if (!value)
+		return false;
+	const bool is_text = type->id == SPA_TYPE_String;
+	if (is_text && (std::strlen(value) >= sizeof(hs_pod::value) || !hs_utf8_is_valid(value)))
+		return false;
+	if (!hs_utf8_is_valid(about.name))
+		return false;
+	scalar->title = about.name;
+	scalar->type = type;
+	scalar->value = value;
+	return true;
 }
 
 const char *hs_pod_value_text(const hs_pod &pod)

@@ -62,6 +62,20 @@ struct hs_pod {
 	const spa_pod *members;
 };
 
+/** What hs_pod_parse would tell of a scalar, without a record made for it. */
+struct hs_pod_scalar {
+	/** In the POD. */
+	const char *title;
+	const hs_schema_type *type;
+	/** In the POD, or in `digits`. */
+	const char *value;
+	/** Room for any number in decimal: 309 digits before the point, 6 behind it, sign and terminator. */
+	char digits[320];
+};
+
+/** False for an array or structure, for what is no description, and where the parser would mend or cut a text. */
+bool hs_pod_read_scalar(const spa_pod *pod, hs_pod_scalar *scalar);
+
 void hs_pod_free(hs_pod *pod);
 
 using hs_pod_ptr = std::unique_ptr<hs_pod, hs_release<hs_pod_free>>;

@@ -12,12 +12,9 @@
 
 namespace {
 
-/** An object text in a table is shorter than this. */
-constexpr size_t object_size = 1024;
-
 /**
  * Whether `text` is an object with that "title", or without one where `title` is null. It looks no further
- * than it must: events are looked up for every audio buffer.
+ * than it must.
  */
 bool is_titled(const char *text, const char *title)
 {
@@ -28,7 +25,7 @@ bool is_titled(const char *text, const char *title)
 	if (spa_json_enter_object(&outer, &members) <= 0)
 		return false;
 
-	char key[object_size];
+	char key[HS_PROPS_OBJECT_SIZE];
 	while (spa_json_get_string(&members, key, sizeof(key)) > 0) {
 		const char *value;
 		const int length = spa_json_next(&members, &value);
@@ -37,7 +34,7 @@ bool is_titled(const char *text, const char *title)
 		if (!spa_streq(key, "title"))
 			continue;
 
-		char found[object_size];
+		char found[HS_PROPS_OBJECT_SIZE];
 		return title && !spa_json_is_container(value, length) &&
 		       spa_json_parse_stringn(value, length, found, sizeof(found)) > 0 && spa_streq(found, title);
 	}
@@ -62,7 +59,7 @@ const spa_dict_item *find_item(const pw_properties *table, const char *title)
 }
 
 /** Renders the item's object with another "value"; false where it does not fit. */
-bool render_with_value(const spa_dict_item *item, const char *value, char (&text)[object_size])
+bool render_with_value(const spa_dict_item *item, const char *value, char (&text)[HS_PROPS_OBJECT_SIZE])
 {
 	const hs_properties_ptr object{pw_properties_new_string(item->value)};
 	pw_properties_set(object.get(), "value", value);
@@ -72,7 +69,7 @@ bool render_with_value(const spa_dict_item *item, const char *value, char (&text
 bool set_value(pw_properties *table, const char *title, const char *value)
 {
 	const spa_dict_item *item = find_item(table, title);
-	char text[object_size];
+	char text[HS_PROPS_OBJECT_SIZE];
 	if (!item || !render_with_value(item, value, text))
 		return false;
 	pw_properties_set(table, item->key, text);
@@ -140,7 +137,7 @@ void hs_props_add_object(pw_properties *table, std::initializer_list<hs_props_me
 	if (!entry || pw_properties_get(table, entry))
 		return;
 
-	char text[object_size];
+	char text[HS_PROPS_OBJECT_SIZE];
 	if (hs_props_to_json(object.get(), text, sizeof(text)) < 0) {
 		pw_log_warn("%s is left out, it is too long", entry);
 		return;
@@ -165,7 +162,7 @@ hs_properties_ptr hs_props_find(const pw_properties *table, const char *title)
 bool hs_props_value_survives(const pw_properties *table, const char *title, const char *value)
 {
 	const spa_dict_item *item = find_item(table, title);
-	char text[object_size];
+	char text[HS_PROPS_OBJECT_SIZE];
 	if (!item || !render_with_value(item, value, text))
 		return false;
 	const hs_properties_ptr before{pw_properties_new_string(item->value)};

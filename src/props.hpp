@@ -1,5 +1,5 @@
 /*
- * Tables whose values are JSON object texts: a source's settings and events.
+ * Tables whose values are JSON object texts: a source's settings.
  *
  * An entry is found by the "title" inside its value, not by its key.
  */
@@ -9,6 +9,9 @@
 #include <initializer_list>
 
 #include "owned.hpp"
+
+/** An object text in a table is shorter than this. */
+inline constexpr size_t HS_PROPS_OBJECT_SIZE = 1024;
 
 struct hs_props_member {
 	const char *key;
@@ -24,8 +27,8 @@ int hs_props_to_json(const pw_properties *table, char *buffer, size_t size);
 
 /**
  * Adds an object of `members` under the value of its first member; members without a key or a value are
- * left out. A key that is there already keeps its entry. An object of 1024 bytes or more is warned of and
- * not added.
+ * left out. A key that is there already keeps its entry. An object that is too long is warned of and not
+ * added.
  */
 void hs_props_add_object(pw_properties *table, std::initializer_list<hs_props_member> members);
 

@@ -9,7 +9,6 @@
 #include "assert.hpp"
 #include "context.hpp"
 #include "dbus.hpp"
-#include "event.hpp"
 #include "log.hpp"
 #include "loop.hpp"
 #include "metrics.hpp"
@@ -49,16 +48,10 @@ void add_events(hs_source *source)
 	if (n_events == HS_PLUGIN_MAX_DESCRIPTIONS)
 		pw_log_warn("Plug-in %s has %d events or more: those beyond are left out", source->plugin->name,
 			    n_events);
-	source->events = hs_event_table_new(source->interface, n_events, &source->event_indices);
+	source->events = hs_events_describe(source->interface, n_events);
 	source->event_interfaces.resize(static_cast<size_t>(n_events));
+	source->event_public.resize(static_cast<size_t>(n_events));
 	source->event_published.resize(static_cast<size_t>(n_events));
-}
-
-/** The next event of the table, null at the end; `*state` is null to begin with. */
-hs_properties_ptr next_event(const hs_source *source, void **state)
-{
-	const char *key = source->events ? pw_properties_iterate(source->events, state) : nullptr;
-	return hs_properties_ptr(key ? pw_properties_new_string(pw_properties_get(source->events, key)) : nullptr);
 }
 
 void add_names(hs_source *source)
@@ -70,12 +63,11 @@ void add_names(hs_source *source)
 
 	source->settings_interface = hs_source_name_cut(service + ".Settings." + plugin_name, name_size);
 
-	void *state = nullptr;
-	size_t slot = 0;
-	while (const hs_properties_ptr event = next_event(source, &state)) {
-		const char *title = pw_properties_get(event.get(), "title");
-		std::string interface = service + ".Events." + plugin_name + "." + (title ? title : "");
-		source->event_interfaces[slot++] = hs_source_name_cut(std::move(interface), name_size);
+	for (size_t i = 0; i < source->events.size(); ++i) {
+		std::string &interface = source->event_interfaces[i];
+		interface = hs_source_name_cut(service + ".Events." + plugin_name + "." + source->events[i].title,
+					       name_size);
+		source->event_public[i] = hs_plugin_event_is_public(source->plugin, interface.c_str());
 	}
 
 	source->object_path = hs_source_name_cut(root + "/" + element + "/" + plugin_name, name_size);
@@ -143,7 +135,6 @@ void hs_source_destroy(hs_source *source)
 	hs_metrics_destroy(source->metrics);
 	hs_plugin_unload_spa_handle(source->handle, source->interface);
 	pw_properties_free(source->settings);
-	pw_properties_free(source->events);
 	pw_properties_free(source->stream_config);
 	delete source;
 }
@@ -195,18 +186,6 @@ hs_properties_ptr hs_source_get_pcm_properties(const hs_source *source)
 	set_if_known(props.get(), SPA_KEY_AUDIO_POSITION, first_of(definition("position"), info("audio.position")));
 	set_if_known(props.get(), PW_KEY_AUDIO_RATE, first_of(definition("rate"), info("audio.rate")));
 	return props;
-}
-
-int hs_source_find_event(const hs_source *source, const char *title)
-{
-	void *state = nullptr;
-	int position = 0;
-	while (const hs_properties_ptr event = next_event(source, &state)) {
-		if (spa_streq(pw_properties_get(event.get(), "title"), title))
-			return position;
-		++position;
-	}
-	return -1;
 }
 
 std::string hs_source_get_device_name(const hs_source *source)

@@ -14,6 +14,7 @@
 
 #include <spa/utils/list.h>
 
+#include "event.hpp"
 #include "owned.hpp"
 
 struct spa_handle;
@@ -30,8 +31,7 @@ struct hs_source {
 	std::string device_name;
 	/** See source-settings.hpp; owned. */
 	pw_properties *settings;
-	/** One object per event with "title", "type", "complexType", "value"; owned, null without events. */
-	pw_properties *events;
+	hs_events events;
 	/** "name", "rate", "format", "channels", "position" of an explicit definition; owned, may be null. */
 	pw_properties *stream_config;
 	/** Owned; null once the node is going. */
@@ -39,8 +39,8 @@ struct hs_source {
 	std::string settings_interface;
 	/** By position in `events`; events that were left out there leave empty slots at the end. */
 	std::vector<std::string> event_interfaces;
-	/** The plug-in's index of each event in `events`. */
-	std::vector<uint32_t> event_indices;
+	/** By position in `events`: it is for the main bus. */
+	std::vector<bool> event_public;
 	/** By position in `events`: it is on every bus that it belongs to. */
 	std::vector<bool> event_published;
 	/** Of this instance, of the node and of the device; the latter two are shared with other sources. */
@@ -79,9 +79,6 @@ uint64_t hs_source_get_n_consumers(const hs_source *source);
 
 /** Properties for the capture stream. */
 hs_properties_ptr hs_source_get_pcm_properties(const hs_source *source);
-
-/** Position in `events` of the event with that title, or -1. */
-int hs_source_find_event(const hs_source *source, const char *title);
 
 std::string hs_source_get_device_name(const hs_source *source);
 std::string hs_source_get_direction(const hs_source *source);

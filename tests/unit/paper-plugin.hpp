@@ -22,6 +22,7 @@
 #include "context.hpp"
 #include "dbus.hpp"
 #include "plugin.hpp"
+#include "pod.hpp"
 #include "props.hpp"
 #include "source-name.hpp"
 #include "source.hpp"
@@ -129,15 +130,12 @@ private:
 							       {"type", or_null(s.type)},
 							       {"complexType", or_null(s.complex_type)},
 							       {"value", s.value.c_str()}});
-		source->events = pw_properties_new(nullptr, nullptr);
-		uint32_t index = 0;
 		for (const hs_paper_event &e : events) {
-			hs_props_add_object(source->events, {{"title", e.title.c_str()},
-							     {"type", or_null(e.type)},
-							     {"complexType", or_null(e.complex_type)},
-							     {"value", e.value.c_str()}});
+			const auto index = static_cast<uint32_t>(source->events.size());
+			source->events.push_back(
+				{e.title, hs_schema_type_by_name(e.type.c_str()), e.complex_type, e.value, index, {}});
 			source->event_interfaces.push_back(std::string{HS_DBUS_EVENTS_PREFIX} + name + "." + e.title);
-			source->event_indices.push_back(index++);
+			source->event_public.push_back(e.is_public);
 			source->event_published.push_back(false);
 		}
 	}

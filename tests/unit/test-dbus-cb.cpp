@@ -269,26 +269,36 @@ protected:
 	/** Stores an event, or a setting where the interface is that of the settings. */
 	void store(const std::string &interface, const char *title, const char *value, const char *complex_type = nullptr)
 	{
-		pw_properties *table = interface == settings_interface ? source->settings : source->events;
-		hs_props_add_object(table, {{"title", title}, {"complexType", complex_type}, {"value", value}});
+		if (interface == settings_interface)
+			hs_props_add_object(source->settings,
+					    {{"title", title}, {"complexType", complex_type}, {"value", value}});
+		else
+			source->events.push_back({title, nullptr, complex_type ? complex_type : "", value, 0, {}});
 	}
 
-	/** What a client reads of an event's value of that type. */
+	/** Only a setting can be without a value. */
+	static const char *interface_for(const char *value)
+	{
+		return value ? event_interface : settings_interface;
+	}
+
+	/** What a client reads of an event's value of that type; of a setting's where there is none. */
 	std::string read(const char *signature, const char *value, const char *complex_type = nullptr)
 	{
 		const std::string name = "Value" + std::to_string(names.size());
 		names.push_back(name);
 		const char *title = names.back().c_str();
-		store(event_interface, title, value, complex_type);
-		add_table(hs_dbus_cb_property_emits_change(signature, title), event_interface);
-		return client->get(path, event_interface, title);
+		const char *interface = interface_for(value);
+		store(interface, title, value, complex_type);
+		add_table(hs_dbus_cb_property_emits_change(signature, title), interface);
+		return client->get(path, interface, title);
 	}
 
 	/** Whether a client that reads such a value gets the service's error. */
 	bool fails(const char *signature, const char *value, const char *complex_type = nullptr)
 	{
 		const std::string answer = read(signature, value, complex_type);
-		return answer == refusal(event_interface, names.back());
+		return answer == refusal(interface_for(value), names.back());
 	}
 
 	/** What a client reads of a fixed property. */
@@ -438,7 +448,7 @@ TEST_F(DBusProperty, SettingsAndEventsAreLookedUpByTheInterface)
 
 TEST_F(DBusProperty, WithoutATableThereIsNothingToRead)
 {
-	pw_properties_free(std::exchange(source->events, nullptr));
+	source->events.clear();
 	pw_properties_free(std::exchange(source->settings, nullptr));
 	EXPECT_EQ(call_getter("b", event_interface, "Level"), -EIO);
 	EXPECT_STREQ(error.name, "com.orvel.HearSense.Error");
@@ -573,12 +583,7 @@ TEST_F(DBusProperty, AStoredReportIsHiddenWhereThePluginHasNone)
 	ear.add_event({.title = "Silence", .members = {"Detected"}});
 	hs_source *other = ear.add_source("AudioDevice1Input0.Unprocessed");
 	const char *both = R"({ "Detected": "true", "Report": "true" })";
-	for (pw_properties *events : {source->events, other->events}) {
-		pw_properties_clear(events);
-		for (const char *title : {"Noise", "Silence", "Stray"})
-			hs_props_add_object(events, {{"title", title}, {"complexType", "(bb)"}, {"value", both}});
-	}
-	other->event_indices = {0, 1, 0};
+	other->events = {{"Noise", nullptr, "(bb)", both, 0, {}}, {"Silence", nullptr, "(bb)", both, 1, {}}};
 	source = other;
 	add_table(hs_dbus_cb_property_emits_change("(bb)", "Noise"), event_interface);
 	add_table(hs_dbus_cb_property_emits_change("(bb)", "Silence"), event_interface);
@@ -591,12 +596,8 @@ TEST_F(DBusProperty, TheReportIsThatOfThePluginsOwnEvent)
 {
 	/* The second event of the table is the plug-in's first: another was left out between them. */
 	ear.add_event({.title = "Silence", .members = {"Detected"}});
-	pw_properties_clear(source->events);
-	for (const char *title : {"Silence", "Noise"})
-		hs_props_add_object(source->events, {{"title", title},
-						     {"complexType", "(b)"},
-						     {"value", R"({ "Report": "true" })"}});
-	source->event_indices = {1, 0};
+	const char *report = R"({ "Report": "true" })";
+	source->events = {{"Silence", nullptr, "(b)", report, 1, {}}, {"Noise", nullptr, "(b)", report, 0, {}}};
 	for (const char *title : {"Silence", "Noise"})
 		add_table(hs_dbus_cb_property_emits_change("(b)", title), event_interface);
 	EXPECT_EQ(client->get(path, event_interface, "Noise"), R"(a{sv} ["Report": b true])");

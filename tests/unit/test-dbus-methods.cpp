@@ -328,8 +328,7 @@ TEST_F(DBusTrigger, StoresAFixedText)
 	bed.run([&] {
 		hs_source *source = publish_event(true);
 		EXPECT_EQ(trigger(), "");
-		const hs_properties_ptr entry = hs_props_find(source->events, "Noise");
-		EXPECT_STREQ(pw_properties_get(entry.get(), "value"), "{\n  \"Detected\": \"true\"\n  \"Report\": \"true\"\n}");
+		EXPECT_EQ(source->events[0].value, "{\n  \"Detected\": \"true\"\n  \"Report\": \"true\"\n}");
 		EXPECT_EQ(bed.client.get(ear_path, noise, "Noise"), R"(a{sv} ["Detected": b true, "Report": b true])");
 	});
 	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
@@ -393,8 +392,7 @@ TEST_F(DBusTrigger, SaysSoWhereItCannotAnswer)
 		EXPECT_STREQ(error.name, "com.orvel.HearSense.Error");
 		EXPECT_STREQ(error.message, "Error while replying to TriggerEvent method call.");
 		/* The value is set before, but not signalled. */
-		const hs_properties_ptr entry = hs_props_find(source->events, "Noise");
-		EXPECT_STREQ(pw_properties_get(entry.get(), "value"), "{\n  \"Detected\": \"true\"\n  \"Report\": \"true\"\n}");
+		EXPECT_EQ(source->events[0].value, "{\n  \"Detected\": \"true\"\n  \"Report\": \"true\"\n}");
 		ASSERT_TRUE(bed.client.ping());
 		EXPECT_EQ(bed.client.contents(ear_path, "PropertiesChanged"), strings{});
 	});
@@ -405,16 +403,15 @@ TEST_F(DBusTrigger, DoesNothingForATitleWithAPoint)
 	hs_paper_plugin &ear = bed.add_plugin("Ear");
 	hs_source *source = ear.add_source(node_name);
 	const char *value = R"({ "Detected": "false" })";
-	hs_props_add_object(source->events, {{"title", "A.Noise"}, {"type", "struct"}, {"complexType", "(b)"}, {"value", value}});
+	source->events = {{"A.Noise", hs_schema_type_by_name("struct"), "(b)", value, 0, {}}};
 	source->event_interfaces = {"com.orvel.HearSense.Events.Ear.A.Noise"};
-	source->event_indices = {0};
+	source->event_public = {false};
 	source->event_published = {false};
 	bed.run([&] {
 		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(bed.client.call(ear_path, "com.orvel.HearSense.Events.Ear.A.Noise.Methods", "TriggerEvent"), "");
 		EXPECT_TRUE(bed.capture.contains(SPA_LOG_LEVEL_ERROR, "Failed to set value ")) << bed.capture.text();
 		EXPECT_TRUE(bed.capture.contains(SPA_LOG_LEVEL_ERROR, " for props title Noise"));
-		const hs_properties_ptr entry = hs_props_find(source->events, "A.Noise");
-		EXPECT_STREQ(pw_properties_get(entry.get(), "value"), value);
+		EXPECT_EQ(source->events[0].value, value);
 	});
 }

@@ -383,7 +383,7 @@ TEST_F(DBusSet, WithoutSettingsNothingIsWrittenAndTheValueStaysUnread)
 TEST_F(DBusSet, WithoutEventsNoneIsEnabled)
 {
 	run([&] {
-		drop(&source->events);
+		source->events.clear();
 		EXPECT_EQ(bed.client.set(object_path, noise_interface, "EnableEvent", "b", 0),
 			  refusal("EnableEvent", noise_interface));
 		bool enabled = false;

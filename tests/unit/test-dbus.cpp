@@ -499,7 +499,7 @@ TEST_F(DBus, ATriggerThatCannotBePublishedStopsTheInstance)
 TEST_F(DBus, AnInstanceWithoutEventsIsPublishedToo)
 {
 	hs_source *source = bed.add_plugin("Ear").add_source(node_name);
-	pw_properties_free(std::exchange(source->events, nullptr));
+	source->events.clear();
 	bed.run([&] {
 		EXPECT_TRUE(bed.publish(source));
 		EXPECT_EQ(bed.client.get(ear_path, HS_DBUS_INSTANCE_INTERFACE, "Source"),
@@ -633,7 +633,7 @@ TEST_F(DBus, APublicEventIsSignalledOnTheMainBusOnly)
 	private_bus &bus = bed.add_private();
 	bed.run([&] {
 		ASSERT_TRUE(bed.publish(source));
-		hs_props_set_value(source->events, "Noise", "true");
+		hs_events_set_value(source->events, "Noise", "true");
 		hs_dbus_emit_event(source, "Noise", false);
 		ASSERT_TRUE(bed.client.ping());
 		ASSERT_TRUE(bus.client.ping());
@@ -797,7 +797,7 @@ TEST_F(DBus, ASignalToAClientThatHasLeftIsNoComplaint)
 		sd_bus_close(bus.server);
 		hs_dbus_emit_event(source, "Crack", true);
 		/* Nor is its value read, which would be one. */
-		hs_props_set_value(source->events, "Crack", "perhaps");
+		hs_events_set_value(source->events, "Crack", "perhaps");
 		hs_dbus_emit_event(source, "Crack", true);
 		EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
 	});

@@ -28,14 +28,9 @@ using json = nlohmann::ordered_json;
 
 constexpr char good_library[] = HS_BROKEN_DIR "/libspa-hs-good.so";
 
-hs_properties_ptr entry(const char *type, const char *complex_type, const char *value)
-{
-	return hs_properties_ptr(pw_properties_new("type", type, "complexType", complex_type, "value", value, nullptr));
-}
-
 std::string line_of(const char *type, const char *complex_type, const char *value)
 {
-	const std::optional<json> made = event_value(*entry(type, complex_type, value));
+	const std::optional<json> made = value_json(type, complex_type, value);
 	return made ? to_line(*made) : "(nothing)";
 }
 

@@ -1,5 +1,8 @@
 #include "pcm-event.hpp"
 
+#include <cfloat>
+#include <climits>
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -12,7 +15,6 @@
 #include "event.hpp"
 #include "pcm.hpp"
 #include "pod.hpp"
-#include "props.hpp"
 #include "source.hpp"
 
 namespace
@@ -24,29 +26,26 @@ using members = std::vector<std::pair<std::string, bool>>;
 /** A source with events but without a bus, made by hand. */
 struct PcmEvent : testing::Test {
 	PcmEvent()
-	    : events(pw_properties_new(nullptr, nullptr))
 	{
 		std::strcpy(record.name, "motion");
 		source.name = "AudioDevice0Input0.Unprocessed";
 		source.plugin = &record;
 		source.interface = &plugin.interface;
-		source.events = events.get();
 		source.pcm = &pcm;
 		pcm.source = &source;
 	}
 
-	void store(const char *title, const char *type, const char *value) const
+	/** Describes the plug-in's next event. */
+	void store(const char *title, const char *type, const char *value)
 	{
-		hs_props_add_object(
-		        events.get(),
-		        {{"title", title}, {"type", type}, {"complexType", ""}, {"value", value}});
+		const auto index = static_cast<uint32_t>(source.events.size());
+		source.events.push_back({title, hs_schema_type_by_name(type), "", value, index, {}});
 	}
 
 	std::string stored(const char *title) const
 	{
-		const hs_properties_ptr entry = hs_props_find(events.get(), title);
-		const char *value = entry ? pw_properties_get(entry.get(), "value") : nullptr;
-		return value ? value : "(none)";
+		const hs_event *event = hs_events_find(source.events, title);
+		return event ? event->value : "(none)";
 	}
 
 	/** Whether the source took the text for its event "E". */
@@ -58,10 +57,9 @@ struct PcmEvent : testing::Test {
 			event->value[0] = '\0';
 		}
 		bool ignored;
-		return hs_event_update(source.events, *event, report_changed ? report_changed : &ignored);
+		return hs_events_update(source.events, *event, report_changed ? report_changed : &ignored);
 	}
 
-	hs_properties_ptr events;
 	hs_plugin record{};
 	hs_source source{};
 	hs_pcm pcm{};
@@ -219,8 +217,7 @@ TEST_F(PcmEvent, ValueThatFitsItsTypeIsTaken)
 TEST_F(PcmEvent, BooleansAndStringsMayBeEmptyOrAnything)
 {
 	for (const char *type : {"boolean", "string"}) {
-		events.reset(pw_properties_new(nullptr, nullptr));
-		source.events = events.get();
+		source.events.clear();
 		store("E", type, "true");
 		EXPECT_TRUE(update(type, "")) << type;
 		EXPECT_EQ(stored("E"), "");
@@ -359,6 +356,101 @@ TEST_F(PcmEvent, BatchDoesNotItselfSpeakOfAPodThatIsNoDescription)
 	for (const hs_log_capture::line &line : capture.lines())
 		EXPECT_EQ(line.file.find("pcm"), std::string::npos) << line.text;
 	EXPECT_EQ(stored("B"), "5");
+}
+
+/*
+ * Every kind of value, good and bad, one after another on the quick way and, with tracing, on the long one: both
+ * must store and log the same.
+ */
+TEST_F(PcmEvent, QuickWayGivesWhatTheLongOneGives)
+{
+	const std::string long_text(600, 'x');
+	const std::string broken = "caf\xc3";
+	const auto number = [](auto build, auto value) {
+		return hs_describe("E", [=](spa_pod_builder *b) { build(b, value); });
+	};
+	std::vector<hs_description> said;
+	for (const bool value : {true, false, true})
+		said.push_back(hs_describe_bool("E", value));
+	for (const int value : {0, 1, -1, INT32_MAX, INT32_MIN, 7, 7, 8})
+		said.push_back(hs_describe_int("E", value));
+	for (const uint32_t value : {0u, 1u, 2147483647u, 2147483648u, 4294967295u, 3u})
+		said.push_back(number(spa_pod_builder_id, value));
+	for (const int64_t value : {INT64_MIN, INT64_MAX, int64_t{0}})
+		said.push_back(number(spa_pod_builder_long, value));
+	for (const float value : {0.0f, -0.0f, 1.5f, FLT_MAX, -FLT_MAX, FLT_MIN, 1e-45f, HUGE_VALF, -HUGE_VALF, NAN})
+		said.push_back(number(spa_pod_builder_float, value));
+	for (const double value : {0.0, -1e-9, 1e300, DBL_MAX, DBL_MIN, 5e-324, HUGE_VAL, -HUGE_VAL, double{NAN}})
+		said.push_back(number(spa_pod_builder_double, value));
+	for (const std::string &text : {std::string{}, std::string{"hello"}, long_text, broken,
+	                                std::string{"{ \"a\": 1 }"}, std::string{"\"\\\n"}, std::string(400, '\n')})
+		said.push_back(hs_describe("E", [text](spa_pod_builder *b) { spa_pod_builder_string(b, text.c_str()); }));
+	said.push_back(hs_describe_int("Other", 1));
+	said.push_back(hs_describe_nonsense);
+	said.push_back(hs_describe_flags("E", members{{"Detected", true}, {"Report", true}}));
+	said.push_back(hs_describe_int("E", 1));
+
+	const auto outcomes = [&](spa_log_level level) {
+		source.events.clear();
+		store("E", "int32", "0");
+		std::vector<std::string> all;
+		for (const hs_description &description : said) {
+			plugin.events = {description};
+			const hs_log_capture capture;
+			hs_log_topic->level = level;
+			/* Twice: the second time it is nothing new. */
+			hs_pcm_handle_events(&source, false);
+			hs_pcm_handle_events(&source, false);
+			std::string outcome = stored("E");
+			for (const hs_log_capture::line &line : capture.lines()) {
+				if (line.level <= SPA_LOG_LEVEL_WARN)
+					outcome += "\n" + line.text;
+			}
+			all.push_back(outcome);
+		}
+		return all;
+	};
+	EXPECT_EQ(outcomes(SPA_LOG_LEVEL_WARN), outcomes(SPA_LOG_LEVEL_TRACE));
+}
+
+TEST_F(PcmEvent, EachLookIsTracedWhetherThereIsNewsOrNot)
+{
+	store("A", "int32", "0");
+	plugin.events = {hs_describe_int("A", 5)};
+	const hs_log_capture capture;
+	hs_log_topic->level = SPA_LOG_LEVEL_TRACE;
+	for (int i = 0; i < 3; ++i)
+		hs_pcm_handle_events(&source, false);
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_TRACE, "Parsed POD A with type int32."), 3u) << capture.text();
+}
+
+TEST_F(PcmEvent, ValueThatWasSetOtherwiseIsReplacedByThePluginsOwn)
+{
+	store("A", "int32", "0");
+	plugin.events = {hs_describe_int("A", 5)};
+	hs_pcm_handle_events(&source, false);
+	hs_events_set_value(source.events, "A", "9");
+	EXPECT_EQ(stored("A"), "9");
+	hs_pcm_handle_events(&source, false);
+	EXPECT_EQ(stored("A"), "5");
+}
+
+TEST_F(PcmEvent, ValueThatIsTooLongIsRefusedEachTime)
+{
+	store("A", "string", "short");
+	const std::string text(1000, 'x');
+	const hs_pod_ptr event = hs_pod_new("A", "", "array", nullptr);
+	std::snprintf(event->json, sizeof(event->json), "%s", text.c_str());
+	for (int i = 0; i < 2; ++i) {
+		const hs_log_capture capture;
+		bool report_changed;
+		EXPECT_TRUE(hs_events_update(source.events, *event, &report_changed));
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR,
+		                        "Failed to set value " + text + " for props title A"),
+		          1u)
+		        << capture.text();
+		EXPECT_EQ(stored("A"), "short");
+	}
 }
 
 TEST_F(PcmEvent, SingleEventStoresOnlyItsOwnValue)

@@ -10,6 +10,7 @@
 #include "daemon-bed.hpp"
 #include "failing-new.hpp"
 #include "pcm.hpp"
+#include "pod.hpp"
 
 namespace
 {
@@ -63,14 +64,24 @@ struct Source : testing::Test {
 		bed.host.prepare = [descriptions](hs_handmade_plugin &p) { p.events = descriptions; };
 	}
 
-	/** The object of the event at that position in the table. */
+	/** What is kept of the event at that position. */
 	static items event_at(const hs_source *source, size_t position)
 	{
-		if (position >= source->events->dict.n_items)
+		if (position >= source->events.size())
 			return {};
-		const hs_properties_ptr event(
-		        pw_properties_new_string(source->events->dict.items[position].value));
-		return items_of(event.get());
+		const hs_event &event = source->events[position];
+		return {{"title", event.title},
+		        {"type", event.type->name},
+		        {"complexType", event.complex_type},
+		        {"value", event.value}};
+	}
+
+	static std::vector<uint32_t> indices_of(const hs_source *source)
+	{
+		std::vector<uint32_t> indices;
+		for (const hs_event &event : source->events)
+			indices.push_back(event.index);
+		return indices;
 	}
 
 	static items pcm_properties(const hs_source *source)
@@ -254,7 +265,7 @@ TEST_F(Source, EventsAreDescribedOnceAtCreation)
 	                 {"type", "struct"},
 	                 {"complexType", "(bb)"},
 	                 {"value", "{\n  \"Detected\": \"true\",\n  \"Report\": \"false\"\n }"}}));
-	EXPECT_EQ(source->event_indices, (std::vector<uint32_t>{0, 1, 2}));
+	EXPECT_EQ(indices_of(source), (std::vector<uint32_t>{0, 1, 2}));
 }
 
 TEST_F(Source, PluginWithoutEventsHasNoTable)
@@ -267,9 +278,8 @@ TEST_F(Source, PluginWithoutEventsHasNoTable)
 		};
 		const hs_source *source = make();
 		ASSERT_NE(source, nullptr);
-		EXPECT_EQ(source->events, nullptr);
+		EXPECT_TRUE(source->events.empty());
 		EXPECT_TRUE(source->event_interfaces.empty());
-		EXPECT_EQ(hs_source_find_event(source, "Level"), -1);
 	}
 }
 
@@ -279,12 +289,11 @@ TEST_F(Source, EventThatCanNotBeDescribedIsLeftOutAndTheLastSlotStaysEmpty)
 	                 hs_describe_int("D", 4)});
 	const hs_source *source = make();
 	ASSERT_NE(source, nullptr);
-	EXPECT_EQ(source->events->dict.n_items, 2u);
-	EXPECT_EQ(source->event_indices, (std::vector<uint32_t>{0, 3}));
+	EXPECT_EQ(source->events.size(), 2u);
+	EXPECT_EQ(indices_of(source), (std::vector<uint32_t>{0, 3}));
 	const std::vector<std::string> interfaces = {"com.orvel.HearSense.Events.Mover.A",
 	                                             "com.orvel.HearSense.Events.Mover.D", "", ""};
 	EXPECT_EQ(source->event_interfaces, interfaces);
-	EXPECT_EQ(hs_source_find_event(source, "D"), 1);
 }
 
 TEST_F(Source, SecondEventOfATitleIsLeftOut)
@@ -292,10 +301,9 @@ TEST_F(Source, SecondEventOfATitleIsLeftOut)
 	describe_events({hs_describe_int("A", 1), hs_describe_int("A", 2), hs_describe_int("B", 3)});
 	const hs_source *source = make();
 	ASSERT_NE(source, nullptr);
-	EXPECT_EQ(source->events->dict.n_items, 2u);
+	EXPECT_EQ(source->events.size(), 2u);
 	EXPECT_EQ(event_at(source, 0).back().second, "1");
-	EXPECT_EQ(source->event_indices, (std::vector<uint32_t>{0, 2}));
-	EXPECT_EQ(hs_source_find_event(source, "B"), 1);
+	EXPECT_EQ(indices_of(source), (std::vector<uint32_t>{0, 2}));
 }
 
 TEST_F(Source, MoreEventsThanDescribedAreLeftOut)
@@ -306,7 +314,7 @@ TEST_F(Source, MoreEventsThanDescribedAreLeftOut)
 	};
 	const hs_source *source = make();
 	ASSERT_NE(source, nullptr);
-	EXPECT_EQ(source->events->dict.n_items, 1u);
+	EXPECT_EQ(source->events.size(), 1u);
 	EXPECT_EQ(source->event_interfaces.size(), 3u);
 }
 
@@ -330,11 +338,11 @@ TEST_F(Source, EventsAreFoundByTheirExactTitle)
 {
 	describe_events({hs_describe_int("Level", 1), hs_describe_int("Alarm", 2)});
 	const hs_source *source = make();
-	EXPECT_EQ(hs_source_find_event(source, "Level"), 0);
-	EXPECT_EQ(hs_source_find_event(source, "Alarm"), 1);
-	EXPECT_EQ(hs_source_find_event(source, "alarm"), -1);
-	EXPECT_EQ(hs_source_find_event(source, "Nothing"), -1);
-	EXPECT_EQ(hs_source_find_event(source, nullptr), -1);
+	EXPECT_EQ(hs_events_find(source->events, "Level"), &source->events[0]);
+	EXPECT_EQ(hs_events_find(source->events, "Alarm"), &source->events[1]);
+	EXPECT_EQ(hs_events_find(source->events, "alarm"), nullptr);
+	EXPECT_EQ(hs_events_find(source->events, "Nothing"), nullptr);
+	EXPECT_EQ(hs_events_find(source->events, nullptr), nullptr);
 }
 
 TEST_F(Source, StreamConfigIsWhatTheDefinitionHas)

@@ -17,11 +17,9 @@ constexpr uint64_t square_hz = 440;
 
 } // namespace
 
-void recorder::on_event(const pw_properties &event)
+void recorder::on_event(const hs_event &event)
 {
-	const char *value = pw_properties_get(&event, "value");
-	lines.push_back(std::to_string(n_blocks) + " " + pw_properties_get(&event, "title") + " " +
-			(value ? value : ""));
+	lines.push_back(std::to_string(n_blocks) + " " + event.title + " " + event.value);
 }
 
 bench::bench(const subject &checked)

@@ -20,7 +20,7 @@ namespace hs_tool {
 class recorder : public listener
 {
 public:
-	void on_event(const pw_properties &event) override;
+	void on_event(const hs_event &event) override;
 
 	/** "12 Level -20.5": blocks heard, title, value. */
 	std::vector<std::string> lines;

@@ -230,8 +230,7 @@ struct schema_kind {
 
 json value_of(const setting &s)
 {
-	const hs_properties_ptr entry(pw_properties_new("type", s.type.c_str(), "value", s.value.c_str(), nullptr));
-	return event_value(*entry).value_or(nullptr);
+	return value_json(s.type.c_str(), nullptr, s.value.c_str()).value_or(nullptr);
 }
 
 void compare_setting(const std::string &what, const std::string &name, const setting &s, const json &property,

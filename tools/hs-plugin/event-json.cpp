@@ -159,11 +159,8 @@ void add_line(const json &value, std::string *line)
 
 } // namespace
 
-std::optional<json> event_value(const pw_properties &event)
+std::optional<json> value_json(const char *type_name, const char *complex_type, const char *text)
 {
-	const char *type_name = pw_properties_get(&event, "type");
-	const char *complex_type = pw_properties_get(&event, "complexType");
-	const char *text = pw_properties_get(&event, "value");
 	const hs_schema_type *type = hs_schema_type_by_name(type_name);
 	if (!type || !text)
 		return std::nullopt;

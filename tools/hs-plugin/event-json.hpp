@@ -8,15 +8,14 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-struct pw_properties;
-
 namespace hs_tool {
 
 /**
- * The value of the daemon's entry of an event, in the types that clients see; nothing where the daemon
- * could not publish it. NaN and infinity, which JSON lacks, are null.
+ * The text that the daemon keeps of a value, in the types that clients see; nothing where the daemon could not
+ * publish it. `type` names an hs_schema_type, `complex_type` is the signature of an array or structure. NaN
+ * and infinity, which JSON lacks, are null.
  */
-std::optional<nlohmann::ordered_json> event_value(const pw_properties &event);
+std::optional<nlohmann::ordered_json> value_json(const char *type, const char *complex_type, const char *text);
 
 /** On one line, with a blank after each ":" and ",". Bytes that are no UTF-8 are replaced. */
 std::string to_line(const nlohmann::ordered_json &json);

@@ -89,8 +89,7 @@ host::~host()
 
 void host::describe_events()
 {
-	std::vector<uint32_t> indices;
-	table.reset(hs_event_table_new(plugin, hs_plugin_count_events(plugin), &indices));
+	described = hs_events_describe(plugin, hs_plugin_count_events(plugin));
 }
 
 std::vector<setting> host::settings()
@@ -189,7 +188,7 @@ std::optional<std::string> host::take_process_error()
 
 void host::handle_events(bool force)
 {
-	hs_event_handle_all(plugin, table.get(), force, on_event, this);
+	hs_events_handle_all(plugin, *described, force, on_event, this);
 }
 
 void host::on_notify_event(hs_plugin_interface *interface, uint32_t index)
@@ -201,22 +200,19 @@ void host::on_notify_event(hs_plugin_interface *interface, uint32_t index)
 		++self->n_stray;
 		return;
 	}
-	if (self->serving || !self->table)
+	if (self->serving || !self->described)
 		return;
 	if (index >= static_cast<uint32_t>(std::max(hs_plugin_count_events(interface), 0)))
 		++self->n_unknown;
 	self->serving = true;
-	hs_event_handle_one(interface, self->table.get(), index, false, on_event, self);
+	hs_events_handle_one(interface, *self->described, index, false, on_event, self);
 	self->serving = false;
 }
 
-void host::on_event(void *data, const char *title, bool)
+void host::on_event(void *data, const hs_event &event, bool)
 {
-	auto *self = static_cast<host *>(data);
-	/* An event that has no entry has no object on the bus either. */
-	const hs_properties_ptr entry = hs_props_find(self->table.get(), title);
-	if (entry && self->told)
-		self->told->on_event(*entry);
+	if (listener *told = static_cast<host *>(data)->told)
+		told->on_event(event);
 }
 
 } // namespace hs_tool

@@ -18,6 +18,7 @@
 
 #include <hear-sense/plugin.h>
 
+#include "event.hpp"
 #include "library.hpp"
 #include "owned.hpp"
 
@@ -28,8 +29,7 @@ class listener
 {
 public:
 	virtual ~listener() = default;
-	/** `event` is the daemon's entry: "title", "type", "complexType" and "value". */
-	virtual void on_event(const pw_properties &event) = 0;
+	virtual void on_event(const hs_event &event) = 0;
 };
 
 /** A setting as the plug-in describes it at the moment. */
@@ -88,9 +88,10 @@ public:
 		return plugin;
 	}
 
-	const pw_properties *events() const
+	/** Those described. */
+	const hs_events &events() const
 	{
-		return table.get();
+		return *described;
 	}
 
 	bool is_initialized() const
@@ -116,7 +117,7 @@ public:
 
 private:
 	static void on_notify_event(hs_plugin_interface *interface, uint32_t index);
-	static void on_event(void *data, const char *title, bool is_report);
+	static void on_event(void *data, const hs_event &event, bool is_report);
 
 	hs_malloc_ptr<spa_handle> memory;
 	hs_plugin_interface *plugin = nullptr;
@@ -124,7 +125,7 @@ private:
 	const pw_properties *config;
 	/** Borrowed. */
 	listener *told;
-	hs_properties_ptr table;
+	std::optional<hs_events> described;
 	hs_stream_info stream{};
 	bool initialized = false;
 	bool active = false;

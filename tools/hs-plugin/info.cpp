@@ -13,6 +13,7 @@
 #include "format.hpp"
 #include "host.hpp"
 #include "plugin.hpp"
+#include "pod.hpp"
 #include "schema.hpp"
 #include "source-settings.hpp"
 
@@ -49,15 +50,14 @@ json topics_of(const hs_event_info &info)
 	return topics;
 }
 
-json event_of(const hs_plugin_interface &interface, const pw_properties &entry)
+json event_of(const hs_plugin_interface &interface, const hs_event &described)
 {
-	const char *title = pw_properties_get(&entry, "title");
-	const char *type = pw_properties_get(&entry, "complexType");
-	json event = {{"title", text(title)}, {"type", text(pw_properties_get(&entry, "type"))}};
-	if (type && *type)
-		event["complexType"] = type;
-	event["value"] = event_value(entry).value_or(nullptr);
-	if (const hs_event_info *info = find_info(interface, title)) {
+	json event = {{"title", described.title}, {"type", described.type->name}};
+	if (!described.complex_type.empty())
+		event["complexType"] = described.complex_type;
+	event["value"] = value_json(described.type->name, described.complex_type.c_str(), described.value.c_str())
+				 .value_or(nullptr);
+	if (const hs_event_info *info = find_info(interface, described.title.c_str())) {
 		event["niceName"] = text(info->nice_name);
 		event["public"] = interface.version > 2 ? info->is_public : info->isPropertyState;
 		event["isPropertyState"] = info->isPropertyState;
@@ -97,11 +97,9 @@ json settings_of(host *instance, const std::string &schemas)
 	const json settings_schema = read_schema(instance->interface()->settings_schema, schemas);
 	json settings = json::array();
 	for (const setting &s : instance->settings()) {
-		const hs_properties_ptr entry(
-			pw_properties_new("type", s.type.c_str(), "value", s.value.c_str(), nullptr));
 		settings.push_back({{"title", s.title},
 				    {"type", s.type},
-				    {"default", event_value(*entry).value_or(nullptr)},
+				    {"default", value_json(s.type.c_str(), nullptr, s.value.c_str()).value_or(nullptr)},
 				    {"description", s.description}});
 		add_range(settings_schema, hs_setting_name(s.title.c_str()), &settings.back());
 		add_range(schema, s.title, &settings.back());
@@ -112,11 +110,8 @@ json settings_of(host *instance, const std::string &schemas)
 json events_of(host *instance)
 {
 	json events = json::array();
-	void *state = nullptr;
-	while (const char *key = pw_properties_iterate(instance->events(), &state)) {
-		const hs_properties_ptr entry(pw_properties_new_string(pw_properties_get(instance->events(), key)));
-		events.push_back(event_of(*instance->interface(), *entry));
-	}
+	for (const hs_event &event : instance->events())
+		events.push_back(event_of(*instance->interface(), event));
 	return events;
 }
 

@@ -16,6 +16,7 @@
 #include "failure.hpp"
 #include "format.hpp"
 #include "host.hpp"
+#include "pod.hpp"
 
 namespace hs_tool {
 
@@ -33,23 +34,23 @@ public:
 	{
 	}
 
-	void on_event(const pw_properties &event) override
+	void on_event(const hs_event &event) override
 	{
-		const char *title = pw_properties_get(&event, "title");
-		const std::optional<nlohmann::ordered_json> value = event_value(event);
+		const std::optional<nlohmann::ordered_json> value =
+			value_json(event.type->name, event.complex_type.c_str(), event.value.c_str());
 		if (!value) {
-			if (unpublished.insert(title).second)
+			if (unpublished.insert(event.title).second)
 				std::fprintf(
 					stderr,
 					"hs-plugin: The daemon could not publish the event %s: \"%s\" is no whole %s.\n",
-					title, pw_properties_get(&event, "value"), pw_properties_get(&event, "type"));
+					event.title.c_str(), event.value.c_str(), event.type->name);
 			return;
 		}
 		/* A line goes out whole, or a plug-in that dies would leave half of one. */
 		const std::string line = to_line({{"time", std::round(time * 1000) / 1000},
 						  {"source", source},
 						  {"plugin", plugin},
-						  {"event", title},
+						  {"event", event.title},
 						  {"value", *value}}) +
 					 "\n";
 		if (std::fwrite(line.data(), 1, line.size(), stdout) != line.size() || std::fflush(stdout) != 0)
