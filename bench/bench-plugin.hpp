@@ -119,8 +119,8 @@ private:
 	}
 
 	hs_plugin_methods methods{};
-	std::vector<std::string> titles;
-	std::vector<std::string> descriptions;
+	std::deque<std::string> titles;
+	std::deque<std::string> descriptions;
 	std::deque<hs_event_info> infos;
 	std::vector<const hs_event_info *> pointers;
 	uint32_t round = 0;
