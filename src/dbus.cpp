@@ -38,6 +38,13 @@ std::string or_empty(const char *text)
 	return text ? text : "";
 }
 
+void set_owner(hs_dbus *dbus, hs_source *owner)
+{
+	spa_list_remove(&dbus->owner_link);
+	dbus->owner = owner;
+	spa_list_append(&owner->dbus_objects, &dbus->owner_link);
+}
+
 dbus_ptr dbus_new(hs_source *owner, const char *name, const char *type, const char *signature,
 		  const std::string &interface)
 {
@@ -48,8 +55,13 @@ dbus_ptr dbus_new(hs_source *owner, const char *name, const char *type, const ch
 	dbus->signature = or_empty(signature);
 	dbus->interface = interface;
 	dbus->context = hs_context_get();
-	dbus->owner = owner;
-	spa_list_append(&dbus->context->dbus_objects, &dbus->link);
+	spa_list_init(&dbus->owner_link);
+	if (owner) {
+		set_owner(dbus.get(), owner);
+		spa_list_append(&dbus->context->dbus_objects, &dbus->link);
+	} else {
+		spa_list_prepend(&dbus->context->dbus_objects, &dbus->link);
+	}
 	return dbus;
 }
 
@@ -376,7 +388,7 @@ hs_source *find_heir(const hs_dbus *dbus)
 
 void hand_over(hs_dbus *dbus, hs_source *heir)
 {
-	dbus->owner = heir;
+	set_owner(dbus, heir);
 	if (dbus->vtable[1].type != _SD_BUS_VTABLE_METHOD)
 		sd_bus_slot_set_userdata(dbus->slot, heir);
 }
@@ -405,6 +417,7 @@ void hs_dbus_destroy(hs_dbus *dbus)
 {
 	if (!dbus)
 		return;
+	spa_list_remove(&dbus->owner_link);
 	spa_list_remove(&dbus->link);
 	pw_log_debug("%p: destroy dbus %s", static_cast<void *>(dbus), dbus->name.c_str());
 	/* sd-bus reads the table and its names once more here. */
@@ -497,15 +510,27 @@ void hs_dbus_remove_source(hs_source *source)
 {
 	hs_dbus *dbus;
 	hs_dbus *next;
-	spa_list_for_each_safe(dbus, next, &hs_context_get()->dbus_objects, link) {
-		if (!dbus->owner && dbus->name != private_bus_method)
+	spa_list_for_each(dbus, &hs_context_get()->dbus_objects, link) {
+		if (dbus->owner)
+			break;
+		if (dbus->name != private_bus_method)
 			pw_log_warn("dbus has no source: %s", dbus->name.c_str());
-		if (dbus->owner != source)
-			continue;
+	}
+	spa_list_for_each_safe(dbus, next, &source->dbus_objects, owner_link) {
 		if (hs_source *heir = find_heir(dbus))
 			hand_over(dbus, heir);
 		else
 			hs_dbus_destroy(dbus);
+	}
+}
+
+void hs_dbus_disown(hs_source *source)
+{
+	hs_dbus *dbus;
+	spa_list_consume(dbus, &source->dbus_objects, owner_link) {
+		spa_list_remove(&dbus->owner_link);
+		spa_list_init(&dbus->owner_link);
+		dbus->owner = nullptr;
 	}
 }
 

@@ -39,9 +39,11 @@ struct hs_dbus {
 	std::string interface;
 	/** Borrowed. */
 	hs_context *context;
-	/** Borrowed; null for the root method. Not to be followed once the sources are going. */
+	/** Borrowed; null for the root method, and once the source is gone. */
 	hs_source *owner;
-	/** In the context's D-Bus objects. */
+	/** In the owner's D-Bus objects. */
+	spa_list owner_link;
+	/** In the context's D-Bus objects, where those without an owner come first. */
 	spa_list link;
 };
 
@@ -72,6 +74,9 @@ bool hs_dbus_setup_plugin_interfaces(hs_source *source);
  * handed to one of them.
  */
 void hs_dbus_remove_source(hs_source *source);
+
+/** Leaves what is still there of a source, that is about to go, without an owner. */
+void hs_dbus_disown(hs_source *source);
 
 /** Takes every member off a bus that is about to go. */
 void hs_dbus_remove_bus(sd_bus *bus);

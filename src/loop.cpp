@@ -9,7 +9,6 @@
 #include <ctime>
 #include <memory>
 #include <new>
-#include <optional>
 #include <type_traits>
 
 #include <pipewire/loop.h>
@@ -26,6 +25,7 @@
 
 #include "assert.hpp"
 #include "dbus.hpp"
+#include "event-status.hpp"
 #include "log.hpp"
 #include "owned.hpp"
 #include "source.hpp"
@@ -58,8 +58,8 @@ struct bus_event_data {
 	uint64_t n_unfinished;
 	/** Until when there has to be another, where there are such bytes; else 0. In usec of the monotonic clock. */
 	uint64_t deadline;
-	/** Of event_status; owned. */
-	spa_list event_statuses;
+	/** Owned. */
+	hs_event_statuses *statuses;
 	/** In the loop's event_data_list. */
 	spa_list link;
 };
@@ -74,17 +74,6 @@ enum bus_state : int32_t {
 	BUS_STATE_DESTROY = 1,
 	BUS_STATE_QUIT = 2,
 };
-
-/** Whether one event of one source is wanted on a bus. */
-struct event_status {
-	/** Borrowed; hs_loop_remove_event_status is called before it goes. */
-	hs_source *source;
-	std::optional<std::string> name;
-	bool enabled;
-	spa_list link;
-};
-
-static_assert(std::is_standard_layout_v<event_status>);
 
 constexpr uint64_t usec_per_sec = 1000000;
 constexpr uint64_t nsec_per_usec = 1000;
@@ -107,16 +96,6 @@ pw_loop *loop_of(const hs_loop *loop)
 	return pw_main_loop_get_loop(loop->main_loop);
 }
 
-void bus_event_data_clear_statuses(bus_event_data *data)
-{
-	event_status *status;
-	spa_list_consume(status, &data->event_statuses, link) {
-		hs_source_dec_consumers(status->source);
-		spa_list_remove(&status->link);
-		delete status;
-	}
-}
-
 void destroy_loop_sources(bus_event_data *data)
 {
 	pw_loop *loop = loop_of(data->loop);
@@ -130,7 +109,7 @@ void bus_event_data_clear(bus_event_data *data)
 {
 	sd_bus_slot_unref(data->filter);
 	destroy_loop_sources(data);
-	bus_event_data_clear_statuses(data);
+	hs_event_statuses_destroy(data->statuses);
 }
 
 void bus_event_data_destroy(bus_event_data *data)
@@ -316,14 +295,15 @@ bool bus_event_data_init(bus_event_data *data, sd_bus *bus, bool is_main, hs_loo
 	data->bus = bus;
 	data->is_main = is_main;
 	data->loop = loop;
-	spa_list_init(&data->event_statuses);
 	if (!is_main && sd_bus_add_filter(bus, &data->filter, on_whole_message, data) < 0)
 		return false;
 	data->io = add_io(data);
 	data->timer = pw_loop_add_timer(loop_of(loop), on_timeout, data);
 	data->idle = pw_loop_add_idle(loop_of(loop), false, on_idle, data);
-	if (data->io && data->timer && data->idle)
+	if (data->io && data->timer && data->idle) {
+		data->statuses = hs_event_statuses_new();
 		return true;
+	}
 	sd_bus_slot_unref(data->filter);
 	destroy_loop_sources(data);
 	return false;
@@ -501,31 +481,6 @@ bus_event_data *find_bus(hs_loop *loop, const sd_bus *bus)
 	return nullptr;
 }
 
-bool names_match(const std::optional<std::string> &a, const char *b)
-{
-	return b ? a && *a == b : !a;
-}
-
-event_status *find_status(bus_event_data *data, const hs_source *source, const char *name)
-{
-	event_status *status;
-	spa_list_for_each(status, &data->event_statuses, link) {
-		if (status->source == source && names_match(status->name, name))
-			return status;
-	}
-	return nullptr;
-}
-
-event_status *add_status(bus_event_data *data, hs_source *source, const char *name)
-{
-	auto *status = new event_status{};
-	status->source = source;
-	if (name)
-		status->name = name;
-	spa_list_append(&data->event_statuses, &status->link);
-	return status;
-}
-
 } // namespace
 
 hs_loop *hs_loop_new()
@@ -552,7 +507,7 @@ void hs_loop_destroy(hs_loop *loop)
 		pw_log_warn("Freeing bus event data at %p that should already have been destroyed",
 			    static_cast<void *>(data));
 		sd_bus_slot_unref(data->filter);
-		bus_event_data_clear_statuses(data);
+		hs_event_statuses_destroy(data->statuses);
 		spa_list_remove(&data->link);
 		delete data;
 	}
@@ -651,8 +606,7 @@ bool hs_loop_bus_get_event_status(hs_loop *loop, sd_bus *bus, const hs_source *s
 	bus_event_data *data = find_bus(loop, bus);
 	if (!data)
 		return false;
-	const event_status *status = find_status(data, source, name);
-	*enabled = status && status->enabled;
+	*enabled = hs_event_statuses_get(data->statuses, source, name);
 	return true;
 }
 
@@ -660,27 +614,12 @@ void hs_loop_bus_set_event_status(hs_loop *loop, sd_bus *bus, const char *name, 
 {
 	bus_event_data *data = find_bus(loop, bus);
 	HS_ASSERT_TEXT(data, "bus_event_data");
-	event_status *status = find_status(data, source, name);
-	if (!status)
-		status = add_status(data, source, name);
-	if (enabled && !status->enabled)
-		hs_source_inc_consumers(source);
-	else if (!enabled && status->enabled)
-		hs_source_dec_consumers(source);
-	status->enabled = enabled;
+	hs_event_statuses_set(data->statuses, source, name, enabled);
 }
 
 void hs_loop_remove_event_status(hs_loop *loop, const hs_source *source)
 {
 	bus_event_data *data;
-	spa_list_for_each(data, &loop->event_data_list, link) {
-		event_status *status;
-		event_status *next;
-		spa_list_for_each_safe(status, next, &data->event_statuses, link) {
-			if (status->source != source)
-				continue;
-			spa_list_remove(&status->link);
-			delete status;
-		}
-	}
+	spa_list_for_each(data, &loop->event_data_list, link)
+		hs_event_statuses_remove(data->statuses, source);
 }

@@ -99,6 +99,7 @@ hs_source *hs_source_new(hs_plugin *plugin, const char *node_name, const pw_prop
 	source_ptr source(new (std::nothrow) hs_source{});
 	HS_ASSERT(source);
 	spa_list_init(&source->link);
+	spa_list_init(&source->dbus_objects);
 	source->metrics = hs_metrics_create(HS_METRICS_TYPE_SOURCE, source.get());
 	source->plugin = plugin;
 	if (node_name)
@@ -126,6 +127,7 @@ void hs_source_destroy(hs_source *source)
 	hs_pcm_destroy(source->pcm);
 	source->pcm = nullptr;
 	spa_list_remove(&source->link);
+	hs_dbus_disown(source);
 	if (hs_context *context = hs_context_get(); context && context->loop)
 		hs_loop_remove_event_status(context->loop, source);
 	pw_log_debug("%p: destroy source configuration", static_cast<void *>(source));

@@ -63,6 +63,8 @@ struct hs_source {
 	uint64_t consumers;
 	/** Owned; null without a metrics directory. */
 	hs_metrics *metrics;
+	/** Of hs_dbus; its members on every bus. */
+	spa_list dbus_objects;
 	/** In the plug-in's sources. */
 	spa_list link;
 };

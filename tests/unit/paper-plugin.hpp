@@ -93,6 +93,7 @@ public:
 	hs_source *add_source(const std::string &node_name)
 	{
 		auto *source = new hs_source{};
+		spa_list_init(&source->dbus_objects);
 		source->name = node_name;
 		source->plugin = plugin;
 		source->interface = &interface;

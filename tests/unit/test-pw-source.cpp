@@ -609,7 +609,8 @@ TEST_F(PwSource, MemberWithoutASourceIsWarnedOfUnlessItIsThePrivateBus)
 		auto *dbus = new hs_dbus{};
 		dbus->name = name;
 		dbus->context = bed.context;
-		spa_list_append(&bed.context->dbus_objects, &dbus->link);
+		spa_list_init(&dbus->owner_link);
+		spa_list_prepend(&bed.context->dbus_objects, &dbus->link);
 	}
 	const hs_log_capture capture;
 	hs_pw_source_unregister_source(1);
