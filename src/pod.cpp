@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 #include <string_view>
+#include <vector>
 
 #include <spa/param/props.h>
 #include <spa/pod/pod.h>
@@ -275,8 +276,12 @@ bool parse_array(hs_pod *pod, const spa_pod *value)
 	return true;
 }
 
-/** Adds one line to `json` and one code to `signature`; either POD may be null. */
-bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json, hs_text_writer *signature)
+/**
+ * Adds one line to `json`, one code to `signature` and the name to `names`; either POD may be null. A name that
+ * is empty or there already is none: one line would stand for two codes.
+ */
+bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json, hs_text_writer *signature,
+		  std::vector<std::string> *names)
 {
 	const char *name = key ? text_of(key) : nullptr;
 	digits buffer;
@@ -287,8 +292,14 @@ bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json
 	}
 
 	std::string copy;
+	const char *valid_name = valid_text(name, &copy);
+	if (*valid_name == '\0' || std::find(names->begin(), names->end(), valid_name) != names->end()) {
+		pw_log_warn("Member name '%s' is empty or there twice.", name);
+		return false;
+	}
+	names->emplace_back(valid_name);
 	json->add("  \"");
-	json->add_escaped(valid_text(name, &copy));
+	json->add_escaped(valid_name);
 	json->add("\": \"");
 	json->add_escaped(cut(valid_text(text, &copy), sizeof(hs_pod::value)));
 	json->add("\",\n");
@@ -307,11 +318,12 @@ bool parse_struct(hs_pod *pod, const spa_pod *params)
 	json.add("{\n");
 	signature.add("(");
 
+	std::vector<std::string> names;
 	pod_walk walk{params};
 	while (!walk.at_end()) {
 		const spa_pod *key = walk.next();
 		const spa_pod *value = walk.next();
-		if (!parse_member(key, value, &json, &signature)) {
+		if (!parse_member(key, value, &json, &signature, &names)) {
 			pw_log_warn("Could not parse struct POD type for %d.", static_cast<int>(params->type));
 			return false;
 		}
