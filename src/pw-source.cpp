@@ -20,6 +20,7 @@
 #include "refcount.hpp"
 #include "source-name.hpp"
 #include "source.hpp"
+#include "utf8.hpp"
 
 static_assert(std::is_standard_layout_v<hs_pw_source>);
 
@@ -49,7 +50,7 @@ hs_pw_source *new_source(hs_context *context, uint32_t id, const char *name, con
 	HS_ASSERT(source);
 	source->id = id;
 	if (name)
-		source->name = name;
+		source->name = hs_utf8_repair(name);
 	if (media_class)
 		source->media_class = media_class;
 	spa_list_append(&context->pw_sources, &source->link);

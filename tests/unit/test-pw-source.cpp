@@ -201,6 +201,17 @@ TEST_F(PwSource, RecordKeepsWhatTheNodeIs)
 	EXPECT_TRUE(nodes()[0]->registered);
 }
 
+/* Paths and interfaces are cut, and so are valid; the whole name is told as the node's id. */
+TEST_F(PwSource, NameThatTheBusRefusesIsRepaired)
+{
+	motion = bed.add_plugin("motion");
+	const std::string name = std::string{unprocessed} + std::string(300, 'x');
+	add_named(7, name + "\xff");
+	ASSERT_EQ(nodes().size(), 1u);
+	EXPECT_EQ(nodes()[0]->name, name + "\ufffd");
+	EXPECT_EQ(names_of(motion), texts{name + "\ufffd"});
+}
+
 TEST_F(PwSource, NodeWithoutANameIsNone)
 {
 	add(7, {{"media.class", "Audio/Source"}});
