@@ -20,6 +20,7 @@
 #include "pod.hpp"
 #include "props.hpp"
 #include "source.hpp"
+#include "utf8.hpp"
 
 namespace {
 
@@ -43,6 +44,16 @@ void add_defaults(pw_properties *stored, const pw_properties *info)
 		const std::string name = hs_setting_name(title);
 		if (!pw_properties_get(stored, name.c_str()))
 			pw_properties_set(stored, name.c_str(), value);
+	}
+}
+
+/** Bare words of the file may be any bytes. */
+void repair_values(pw_properties *stored)
+{
+	const spa_dict_item *item;
+	spa_dict_for_each(item, &stored->dict) {
+		if (!hs_utf8_is_valid(item->value))
+			pw_properties_set(stored, item->key, hs_utf8_repair(item->value).c_str());
 	}
 }
 
@@ -223,6 +234,7 @@ hs_properties_ptr hs_setting_read_stored(const pw_properties *info, const char *
 	if (settings_path && access(settings_path, R_OK) == 0)
 		hs_conf_load_conf(settings_path, stored.get());
 	add_defaults(stored.get(), info);
+	repair_values(stored.get());
 	return stored;
 }
 

@@ -164,6 +164,14 @@ TEST_F(Settings, EntryHoldsTheStoredValueTwice)
 	EXPECT_EQ(value("name"), "ear");
 }
 
+TEST_F(Settings, StoredTextThatTheBusRefusesIsRepaired)
+{
+	hs_write_text(path, "gain = K\xfc");
+	make();
+	EXPECT_EQ(value("gain"), "K\ufffd");
+	EXPECT_EQ(member("gain", "defaultValue"), "K\ufffd");
+}
+
 TEST_F(Settings, WithoutAFileThePluginIsSwitchedOff)
 {
 	const hs_log_capture capture;
