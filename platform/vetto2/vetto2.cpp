@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -133,12 +135,42 @@ bool is_closed(const spa_json &container, char bracket)
 	return container.cur < container.end && *container.cur == bracket;
 }
 
+/**
+ * Whether the text is one that the parser decodes as it stands. Of escapes that it cannot decode it drops a
+ * part, and "\u0000" ends the text early: a pattern would then grant more than it says.
+ */
+bool is_decodable(std::string_view value)
+{
+	if (value[0] != '"')
+		return value.find('\0') == std::string_view::npos;
+	for (size_t at = value.find('\\'); at != std::string_view::npos; at = value.find('\\', at + 2)) {
+		if (!value.substr(at + 1).starts_with('u'))
+			continue;
+		const std::string_view digits = value.substr(at + 2, 4);
+		unsigned int code = 0;
+		const auto [end, error] = std::from_chars(digits.begin(), digits.end(), code, 16);
+		const bool is_number = digits.size() == 4 && end == digits.end() && error == std::errc{};
+		if (!is_number || code == 0 || (code >= 0xd800 && code <= 0xdfff))
+			return false;
+	}
+	return true;
+}
+
 std::string unquoted(const char *value, int length)
 {
 	std::string text(static_cast<size_t>(length) + 1, '\0');
 	spa_json_parse_stringn(value, length, text.data(), length + 1);
 	text.resize(std::strlen(text.c_str()));
 	return text;
+}
+
+/** Reads one text into `text`. */
+bool read_text(rules_reader &reader, const spa_json &in, const char *value, int length, std::string *text)
+{
+	if (!is_decodable({value, static_cast<size_t>(length)}))
+		return fail(reader, in, "a text has a NUL character or an unknown escape in it");
+	*text = unquoted(value, length);
+	return true;
 }
 
 /** Reads the keys granted to `name`: one pattern, or an array of patterns. */
@@ -148,8 +180,11 @@ bool read_keys(rules_reader &reader, spa_json &in, bool is_group, const std::str
 	int length = spa_json_next(&in, &value);
 	if (length <= 0 || spa_json_is_object(value, length))
 		return fail(reader, in, "\"" + name + "\" is not followed by a key or an array of keys");
+	std::string key;
 	if (!spa_json_is_array(value, length)) {
-		reader.rules.push_back({is_group, name, unquoted(value, length)});
+		if (!read_text(reader, in, value, length, &key))
+			return false;
+		reader.rules.push_back({is_group, name, key});
 		return true;
 	}
 
@@ -158,7 +193,9 @@ bool read_keys(rules_reader &reader, spa_json &in, bool is_group, const std::str
 	while ((length = spa_json_next(&keys, &value)) > 0) {
 		if (spa_json_is_container(value, length))
 			return fail(reader, keys, "the keys of \"" + name + "\" are not plain texts");
-		reader.rules.push_back({is_group, name, unquoted(value, length)});
+		if (!read_text(reader, keys, value, length, &key))
+			return false;
+		reader.rules.push_back({is_group, name, key});
 	}
 	if (length < 0 || !is_closed(keys, ']'))
 		return fail(reader, keys, "the keys of \"" + name + "\" do not end with a ]");
@@ -180,7 +217,9 @@ bool read_section(rules_reader &reader, spa_json &in, const std::string &title)
 	while ((length = spa_json_next(&section, &value)) > 0) {
 		if (spa_json_is_container(value, length))
 			return fail(reader, section, "a name was expected in \"" + title + "\"");
-		if (!read_keys(reader, section, title == "groups", unquoted(value, length)))
+		std::string name;
+		if (!read_text(reader, section, value, length, &name) ||
+		    !read_keys(reader, section, title == "groups", name))
 			return false;
 	}
 	if (length < 0 || !is_closed(section, '}'))
@@ -203,7 +242,8 @@ bool read_rules(rules_reader &reader)
 	while ((length = spa_json_next(&body, &value)) > 0) {
 		if (spa_json_is_container(value, length))
 			return fail(reader, body, "\"users\" or \"groups\" was expected");
-		if (!read_section(reader, body, unquoted(value, length)))
+		std::string title;
+		if (!read_text(reader, body, value, length, &title) || !read_section(reader, body, title))
 			return false;
 	}
 	if (length < 0)

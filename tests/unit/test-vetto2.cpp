@@ -311,9 +311,23 @@ const broken_file broken_files[] = {
 	{"users = {\n { root = * }\n}", 2},	       // no name
 	{"users = {\n root = \"*\n}", 2},	       // quote never closed
 	{"users = {\n root = [ * \"\\x\" ]\n}", 2},    // no such escape
+	{"users = {\n root = \"*\\u0000x\"\n}", 2},       // a text that would end early
+	{"users = {\n \"ro\\ud800ot\" = *\n}", 2},	       // half a character, which would be left out
+	{"users = {\n root = [ \"*\\u00\" ]\n}", 2},     // half an escape
+	{"\"us\\u0000ers\" = { root = * }", 1},
 	{"[ users ]", 1},
 	{"\"\\x\"", 1},
 };
+
+TEST_F(Vetto2, GrantsNothingByAFileWithANulByte)
+{
+	const std::string text{"users = { root = *\0x }", 22};
+	write_file("rights.d/a.conf", text);
+	testing::internal::CaptureStderr();
+	open();
+	EXPECT_NE(testing::internal::GetCapturedStderr().find("rights.d/a.conf:1: "), std::string::npos);
+	EXPECT_FALSE(allowed("root", threshold));
+}
 
 INSTANTIATE_TEST_SUITE_P(Forms, Vetto2Broken, testing::ValuesIn(broken_files));
 
