@@ -13,7 +13,8 @@ usage()
 	the line "N passed, N failed".
 
 	  (nothing)   with g++, optimised, all tests; nodes, audio and shutdown under valgrind;
-	              with clang, AddressSanitizer and UndefinedBehaviorSanitizer, all tests
+	              with clang, AddressSanitizer and UndefinedBehaviorSanitizer, all tests, and 20 seconds of
+	              invented input for every parser
 	  --quick     one plain build with g++ and all tests
 	  --help      shows this
 
@@ -155,6 +156,18 @@ figures()
 	done
 }
 
+# The form that only shows that nothing has broken lately: tests/fuzz/run.sh goes on for longer.
+fuzz()
+{
+	local n_targets
+	n_targets=$(tests/fuzz/run.sh --list | wc -l)
+	if tests/fuzz/run.sh --build=build-test-fuzz 20; then
+		add "$n_targets" 0 0
+	else
+		add 0 1 0
+	fi
+}
+
 need_packages "$work/apt.log" "${packages[@]}"
 
 export CC=gcc CXX=g++
@@ -187,6 +200,7 @@ else
 	PATH=$PATH:/usr/lib/llvm-14/bin
 	timed 'Unit tests, sanitized' unit_tests build-test-clang
 	timed 'Integration tests, sanitized' integration_tests build-test-clang integration -n 2 tests/integration
+	timed 'Fuzzing' fuzz
 fi
 
 step 'Time'
