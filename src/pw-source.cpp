@@ -1,5 +1,8 @@
 #include "pw-source.hpp"
 
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <type_traits>
@@ -33,6 +36,40 @@ constexpr size_t settings_path_size = 4096;
 
 /* The C library compiles nested groups recursively: some ten thousand of them overflow the stack. */
 constexpr size_t max_pattern_length = 1023;
+/* It also writes out each repetition, one inside the other: "x++++++" is 64 times as long, and so on. */
+constexpr size_t max_written_out_length = 65536;
+
+/** The larger number of an interval such as "{2,5}", whose text follows the brace; 1 where there is none. */
+size_t max_repetitions(const char *text)
+{
+	size_t most = 1;
+	text += *text == ',';
+	while (std::isdigit(static_cast<unsigned char>(*text))) {
+		char *end;
+		most = std::max<size_t>(most, std::strtoul(text, &end, 10));
+		text = *end == ',' ? end + 1 : end;
+	}
+	return most;
+}
+
+/** How often what stands before the character is written out. */
+size_t count_copies(const char *c)
+{
+	if (*c == '+')
+		return 2;
+	return *c == '{' ? std::min(max_repetitions(c + 1), max_written_out_length) : 1;
+}
+
+bool is_too_long(const char *pattern)
+{
+	const size_t length = std::strlen(pattern);
+	if (length > max_pattern_length)
+		return true;
+	size_t copies = 1;
+	for (const char *c = pattern; *c && length * copies <= max_written_out_length; ++c)
+		copies *= count_copies(c);
+	return length * copies > max_written_out_length;
+}
 
 hs_pw_source *find_by_id(hs_context *context, uint32_t id)
 {
@@ -189,7 +226,7 @@ void forget_node(hs_plugin *plugin, const hs_pw_source *pw_source)
 bool hs_pw_source_matches_pattern(const char *pattern, const char *node_name)
 {
 	regex_t compiled;
-	if (std::strlen(pattern) > max_pattern_length || regcomp(&compiled, pattern, REG_EXTENDED) != 0) {
+	if (is_too_long(pattern) || regcomp(&compiled, pattern, REG_EXTENDED) != 0) {
 		pw_log_warn("Could not compile pattern");
 		return false;
 	}
