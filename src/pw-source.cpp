@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <numeric>
 #include <type_traits>
+#include <vector>
 
 #include <pipewire/keys.h>
 #include <spa/utils/dict.h>
@@ -36,39 +38,79 @@ constexpr size_t settings_path_size = 4096;
 
 /* The C library compiles nested groups recursively: some ten thousand of them overflow the stack. */
 constexpr size_t max_pattern_length = 1023;
-/* It also writes out each repetition, one inside the other: "x++++++" is 64 times as long, and so on. */
-constexpr size_t max_written_out_length = 65536;
+/*
+ * It also writes out repetitions, one inside the other ("x++++++" is 64 times x), and takes the cube of their
+ * number in time where they may be empty. This many are done within a second.
+ */
+constexpr size_t max_written_out_length = 512;
 
-/** The larger number of an interval such as "{2,5}", whose text follows the brace; 1 where there is none. */
-size_t max_repetitions(const char *text)
+/** The larger number of an interval such as "{2,5}"; 1 where there is none. */
+size_t max_repetitions(const char *interval)
 {
 	size_t most = 1;
-	text += *text == ',';
-	while (std::isdigit(static_cast<unsigned char>(*text))) {
-		char *end;
-		most = std::max<size_t>(most, std::strtoul(text, &end, 10));
-		text = *end == ',' ? end + 1 : end;
+	for (const char *c = interval; *c && *c != '}'; ++c) {
+		if (std::isdigit(static_cast<unsigned char>(*c)) && !std::isdigit(static_cast<unsigned char>(c[-1])))
+			most = std::max<size_t>(most, std::strtoul(c, nullptr, 10));
 	}
-	return most;
+	return std::min(most, max_pattern_length);
 }
 
-/** How often what stands before the character is written out. */
-size_t count_copies(const char *c)
+/** The last character of a bracket expression; that of the pattern where it has no end. */
+const char *end_of_bracket(const char *bracket)
 {
-	if (*c == '+')
-		return 2;
-	return *c == '{' ? std::min(max_repetitions(c + 1), max_written_out_length) : 1;
+	const char *c = bracket + 1;
+	c += *c == '^';
+	c += *c == ']';
+	for (; *c && *c != ']'; ++c) {
+		if (c[0] != '[' || !c[1] || !std::strchr(":.=", c[1]))
+			continue;
+		const char close[] = {c[1], ']', '\0'};
+		const char *end = std::strstr(c + 2, close);
+		if (!end)
+			break;
+		c = end + 1;
+	}
+	return *c == ']' ? c : bracket + std::strlen(bracket) - 1;
+}
+
+/** Elements of the pattern once its repetitions are written out. */
+size_t written_out_length(const char *pattern)
+{
+	/* What stands before the last element, for the pattern and each group that is open. */
+	std::vector<size_t> before{0};
+	size_t element = 0;
+	for (const char *c = pattern; *c; ++c) {
+		const bool is_interval = *c == '{' && std::strchr(c, '}');
+		if (*c == '+') {
+			element *= 2;
+		} else if (*c == '?' || *c == '*') {
+			element += 1;
+		} else if (is_interval) {
+			element *= max_repetitions(c);
+			c = std::strchr(c, '}');
+		} else if (*c == ')' && before.size() > 1) {
+			element += before.back();
+			before.pop_back();
+		} else {
+			before.back() += element;
+			element = *c != '(';
+			if (*c == '(')
+				before.push_back(0);
+			else if (*c == '[')
+				c = end_of_bracket(c);
+			else if (*c == '\\' && c[1])
+				++c;
+		}
+		element = std::min(element, max_pattern_length + 1);
+		before.back() = std::min(before.back(), max_pattern_length + 1);
+	}
+	return std::accumulate(before.begin(), before.end(), element);
 }
 
 bool is_too_long(const char *pattern)
 {
 	const size_t length = std::strlen(pattern);
-	if (length > max_pattern_length)
-		return true;
-	size_t copies = 1;
-	for (const char *c = pattern; *c && length * copies <= max_written_out_length; ++c)
-		copies *= count_copies(c);
-	return length * copies > max_written_out_length;
+	return length > max_pattern_length || written_out_length(pattern) > std::max(length, max_written_out_length);
 }
 
 hs_pw_source *find_by_id(hs_context *context, uint32_t id)
