@@ -61,7 +61,6 @@ done
 export CC=${CC:-clang-14} CXX=${CXX:-clang++-14}
 export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-export LD_LIBRARY_PATH=$build/platform/vetto2
 PATH=$PATH:/usr/lib/llvm-14/bin
 
 build_fuzzers()
