@@ -18,7 +18,7 @@ usage()
 
 	  --build=FOLDER  builds there instead of in build-fuzz
 	  --jobs=N        runs N at a time
-	  --minimise      afterwards adds the new inputs that reach something new to tests/fuzz/corpus
+	  --minimise      afterwards adds $added_at_a_time small inputs that reach something new to each folder of tests/fuzz/corpus
 	  --list          prints the targets
 	  --help          shows this
 
@@ -31,6 +31,7 @@ here=$source_root/tests/fuzz
 # Larger inputs show little more, and take long.
 largest_input=4096
 largest_kept=1024
+added_at_a_time=4
 # What a fuzzer ends with that is stopped.
 stopped=72
 
@@ -113,15 +114,22 @@ fuzz()
 	}
 }
 
-# add_to_corpus TARGET: keeps the small inputs that reach what the corpus does not.
+# add_to_corpus TARGET: the largest of those small inputs that together reach all that was reached.
 add_to_corpus()
 {
-	local target=$1 folder=$build/fuzz/$1 small=$build/fuzz/$1.small
-	rm -rf -- "$small"
-	mkdir -p -- "$small"
+	local target=$1 folder=$build/fuzz/$1 corpus=$here/corpus/$1 input
+	local small=$folder.small cover=$folder.cover
+	rm -rf -- "$small" "$cover"
+	mkdir -p -- "$small" "$cover"
 	find "$folder" -type f -size -"${largest_kept}"c -exec cp -t "$small" -- {} +
-	"$build/tests/fuzz/fuzz-$target" -merge=1 "$here/corpus/$target" "$small" >"$folder.merge.log" 2>&1
-	rm -rf -- "$small"
+	"$build/tests/fuzz/fuzz-$target" -set_cover_merge=1 "$cover" "$corpus" "$small" >"$folder.merge.log" 2>&1
+	# Named by their hashes, like all that is found.
+	for input in "$corpus"/*; do
+		rm -f -- "$cover/$(sha1sum <"$input" | cut -d ' ' -f 1)"
+	done
+	find "$cover" -type f -printf '%s %p\n' | sort -rn | head -n "$added_at_a_time" | cut -d ' ' -f 2- |
+		xargs -r -d '\n' cp -t "$corpus" --
+	rm -rf -- "$small" "$cover"
 }
 
 build_fuzzers
