@@ -40,9 +40,9 @@ constexpr size_t settings_path_size = 4096;
 constexpr size_t max_pattern_length = 1023;
 /*
  * It also writes out repetitions, one inside the other ("x++++++" is 64 times x), and takes the cube of their
- * number in time where they may be empty. This many are done within a second.
+ * number in time where they may be empty. This many are done within a fraction of a second.
  */
-constexpr size_t max_written_out_length = 512;
+constexpr size_t max_written_out_length = 256;
 
 /** The larger number of an interval such as "{2,5}"; 1 where there is none. */
 size_t max_repetitions(const char *interval)

@@ -148,16 +148,16 @@ TEST(PwSourcePattern, OfMoreThan1023CharactersDoesNotCompile)
 TEST(PwSourcePattern, WhoseRepetitionsWouldFillTheMemoryDoesNotCompile)
 {
 	const hs_log_capture capture;
-	const std::string xs(500, 'x');
+	const std::string xs(250, 'x');
 	EXPECT_FALSE(hs_pw_source_matches_pattern(("x" + std::string(40, '+')).c_str(), xs.c_str()));
 	EXPECT_FALSE(hs_pw_source_matches_pattern("(((x{1,255}){255}){,255}){255}", xs.c_str()));
 	EXPECT_FALSE(hs_pw_source_matches_pattern("x{99999999999999999999}", xs.c_str()));
 	EXPECT_FALSE(hs_pw_source_matches_pattern("(a[)]b(x{100})){100}", xs.c_str()));
 	EXPECT_FALSE(hs_pw_source_matches_pattern("x?{1,255}+", xs.c_str()));
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not compile pattern"), 5u) << capture.text();
-	EXPECT_TRUE(hs_pw_source_matches_pattern("^(x{2,25}){20}$", xs.c_str()));
+	EXPECT_TRUE(hs_pw_source_matches_pattern("^(x{2,25}){10}$", xs.c_str()));
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^x+x+x+x+x+x+x+x+x+x+x+x+$", xs.c_str()));
-	EXPECT_TRUE(hs_pw_source_matches_pattern("^[x+]{200}[[:alpha:]+{}]{200}\\(?x", xs.c_str()));
+	EXPECT_TRUE(hs_pw_source_matches_pattern("^[x+]{100}[[:alpha:]+{}]{100}\\(?x", xs.c_str()));
 }
 
 TEST(PwSourceConfig, IsTheFirstEntryOfThatNode)
