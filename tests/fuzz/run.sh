@@ -127,7 +127,7 @@ add_to_corpus()
 	for input in "$corpus"/*; do
 		rm -f -- "$cover/$(sha1sum <"$input" | cut -d ' ' -f 1)"
 	done
-	find "$cover" -type f -printf '%s %p\n' | sort -rn | head -n "$added_at_a_time" | cut -d ' ' -f 2- |
+	find "$cover" -type f -printf '%s %p\n' | sort -rn | sed -n "1,${added_at_a_time}p" | cut -d ' ' -f 2- |
 		xargs -r -d '\n' cp -t "$corpus" --
 	rm -rf -- "$small" "$cover"
 }
