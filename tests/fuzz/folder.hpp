@@ -1,5 +1,5 @@
 /*
- * A folder for what is written; in memory where the system has one there, since every file is synced.
+ * A folder for what is written.
  */
 #pragma once
 
@@ -12,11 +12,8 @@
 class hs_fuzz_folder
 {
 public:
-	hs_fuzz_folder()
+	hs_fuzz_folder() : root{std::filesystem::temp_directory_path().string() + "/hear-sense-fuzz-XXXXXX"}
 	{
-		const bool in_memory = access("/dev/shm", W_OK | X_OK) == 0;
-		root = (in_memory ? "/dev/shm" : std::filesystem::temp_directory_path().string()) +
-		       "/hear-sense-fuzz-XXXXXX";
 		HS_REQUIRE(mkdtemp(root.data()));
 	}
 

@@ -64,6 +64,15 @@ export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 PATH=$PATH:/usr/lib/llvm-14/bin
 
+# In memory where there is a folder for that, since the daemon syncs what it writes.
+written=/dev/shm
+[[ -w $written ]] || written=${TMPDIR:-/tmp}
+TMPDIR=$(mktemp -d "$written/hear-sense-fuzz.XXXXXX")
+export TMPDIR
+trap 'rm -rf -- "$TMPDIR"' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
+
 build_fuzzers()
 {
 	[[ -f $build/build.ninja ]] || meson setup -Dfuzz=enabled \
