@@ -8,29 +8,21 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "alarm-detector.hpp"
 
 namespace {
 
-using hear_sense::detection;
-using hear_sense::member;
-using hear_sense::setting;
-using hear_sense::struct_event;
-
-std::vector<hear_sense::topic> topics()
-{
-	return {{"Audio", "Audio", "com.orvel"}, {"Safety", "Safety", "com.orvel"}};
-}
+using namespace hear_sense;
 
 double to_tenths(double value)
 {
 	return std::round(value * 10.0) / 10.0;
 }
 
-class alarm_listener final : public hear_sense::plugin
+class alarm_listener final : public plugin
 {
 public:
 	using plugin::plugin;
@@ -38,9 +30,10 @@ public:
 private:
 	int start() override
 	{
-		detector = alarm_detector::create(stream().info.rate, stream().info.channels);
-		if (!detector)
+		const uint32_t rate = stream().info.rate;
+		if (rate < 8000 || rate > 192000)
 			return refuse(-EINVAL, "set audio.rate to one from 8000 to 192000 in alarm.conf");
+		detector = std::make_unique<alarm_detector>(rate, stream().info.channels);
 		hear_in_blocks(detector->hop_frames());
 		return 0;
 	}
@@ -52,8 +45,7 @@ private:
 
 	void process(channels heard) override
 	{
-		detector->minimum_level = minimum_level.value();
-		detector->hear(heard);
+		detector->hear(heard, minimum_level.value());
 		const alarm_state &smoke = detector->state(ALARM_SMOKE);
 		const alarm_state &carbon_monoxide = detector->state(ALARM_CARBON_MONOXIDE);
 		smoke_event.tell(smoke.is_sounding);
@@ -74,7 +66,7 @@ private:
 				      {.title = "MinimumLevel",
 				       .description = "Level of the tone below which an alarm is not heard",
 				       .unit = "dBFS",
-				       .initial = alarm_default_minimum,
+				       .initial = -70.0,
 				       .minimum = alarm_floor_dbfs,
 				       .maximum = 0.0}};
 
@@ -83,21 +75,18 @@ private:
 			       .nice_name = "Smoke alarm",
 			       .description = "A smoke alarm sounds",
 			       .is_property_state = true,
-			       .data_types = HS_EVENT_DATA_EVENT,
-			       .topics = topics()}};
+			       .data_types = HS_EVENT_DATA_EVENT}};
 	detection carbon_monoxide_event{*this,
 					{.title = "CarbonMonoxideAlarm",
 					 .nice_name = "Carbon-monoxide alarm",
 					 .description = "A carbon-monoxide alarm sounds",
 					 .is_property_state = true,
-					 .data_types = HS_EVENT_DATA_EVENT,
-					 .topics = topics()}};
+					 .data_types = HS_EVENT_DATA_EVENT}};
 	struct_event tone_event{*this,
 				{.title = "AlarmTone",
 				 .nice_name = "Tone of the alarm",
 				 .description = "Frequency in Hz and level in dBFS of the alarm's tone, dB above noise",
-				 .is_property_state = true,
-				 .topics = topics()}};
+				 .is_property_state = true}};
 	member<double> frequency{tone_event, "Frequency", 0.0};
 	member<double> level{tone_event, "Level", alarm_floor_dbfs};
 	member<double> signal_to_noise{tone_event, "SignalToNoise", 0.0};
@@ -107,4 +96,7 @@ private:
 
 } // namespace
 
-HS_EXPORT_PLUGIN(alarm_listener, {.name = "alarm", .schema = "alarm.json", .settings_schema = "alarm-settings.json"})
+HS_EXPORT_PLUGIN(alarm_listener, {.name = "alarm",
+				  .schema = "alarm.json",
+				  .settings_schema = "alarm-settings.json",
+				  .topics = {{"Audio", "Audio", "com.orvel"}, {"Safety", "Safety", "com.orvel"}}})

@@ -11,7 +11,8 @@
 #include <cstdlib>
 #include <memory>
 
-#include "loudness-alarm.hpp"
+#include <hear-sense/sdk/hold.hpp>
+
 #include "loudness-meter.hpp"
 
 namespace {
@@ -68,8 +69,7 @@ private:
 			loudness_event.notify();
 		}
 		const double interval = static_cast<double>(heard[0].size()) / stream().info.rate;
-		alarm.update(now.momentary, threshold.value(), hold_time.value(), interval);
-		alarm_event.tell(alarm.is_raised);
+		alarm_event.tell(alarm.update(now.momentary > threshold.value(), interval, hold_time.value()));
 		level_event.tell(to_tenths(now.level));
 	}
 
@@ -110,7 +110,7 @@ private:
 				  loudness_floor_dbfs};
 
 	std::unique_ptr<loudness_meter> meter;
-	loudness_alarm alarm;
+	hold alarm;
 };
 
 } // namespace

@@ -12,7 +12,11 @@
 #include <cmath>
 #include <cstddef>
 
-#include "voice-pitch.hpp"
+#include <hear-sense/sdk/pitch.hpp>
+
+constexpr int voice_rate = 16000;
+/** Frames from one look to the next: 10 ms. */
+constexpr size_t voice_hop = 160;
 
 class voice_speech
 {
@@ -21,13 +25,13 @@ public:
 	static constexpr size_t second = voice_rate / voice_hop;
 
 	/** Hears of the next 10 ms; whether they are speech, which takes `fewest_glides` in the last second. */
-	bool update(const voice_pitch &pitch, bool is_voice, size_t fewest_glides)
+	bool update(const hear_sense::pitch &pitch, bool is_voice, size_t fewest_glides)
 	{
 		std::shift_left(recent.begin(), recent.end(), 1);
 		recent.back() = pitch;
 		n_heard++;
 		/* The first window begins with silence that nobody heard. */
-		if (n_heard <= voice_pitch_meter::full_looks)
+		if (n_heard <= full_looks)
 			levels.fill(pitch.level);
 		const size_t now = n_heard % second;
 		levels[now] = pitch.level;
@@ -45,8 +49,12 @@ public:
 	}
 
 private:
+	/** Looks after which the meter's first 40 ms have been heard. */
+	static constexpr size_t full_looks = 4;
+	/** Hz; a flute or a beep has a few partials only. */
+	static constexpr float least_spread = 562.5F;
 	static constexpr float least_periodicity = 0.35F;
-	/** Of the logarithm of the period: in 10 ms, and in all 30 ms. */
+	/** Of the logarithm of the frequency: in 10 ms, and in all 30 ms. */
 	static constexpr float longest_step = 0.05F;
 	static constexpr float shortest_glide = 0.01F;
 	/** Share of all steps that leads onwards; that of a chord, which only trembles, is small. */
@@ -59,22 +67,27 @@ private:
 		return static_cast<size_t>(std::count(flags.begin(), flags.end(), true));
 	}
 
+	static float distance(const hear_sense::pitch &from, const hear_sense::pitch &to)
+	{
+		return std::abs(std::log(to.frequency / from.frequency));
+	}
+
 	bool is_gliding() const
 	{
 		float path = 0.0F;
 		for (size_t i = 0; i < recent.size(); i++) {
-			if (recent[i].periodicity <= least_periodicity)
+			if (recent[i].periodicity <= least_periodicity || recent[i].spread < least_spread)
 				return false;
-			const float step = i > 0 ? std::abs(recent[i].log_period - recent[i - 1].log_period) : 0.0F;
+			const float step = i > 0 ? distance(recent[i - 1], recent[i]) : 0.0F;
 			if (step >= longest_step)
 				return false;
 			path += step;
 		}
-		const float glide = std::abs(recent.back().log_period - recent.front().log_period);
+		const float glide = distance(recent.front(), recent.back());
 		return glide > shortest_glide && glide >= least_straight * path;
 	}
 
-	std::array<voice_pitch, 4> recent{};
+	std::array<hear_sense::pitch, 4> recent{};
 	size_t n_heard = 0;
 	/* Rings of the last second. */
 	std::array<float, second> levels{};

@@ -16,9 +16,10 @@
 #include <stdexcept>
 #include <vector>
 
+#include <hear-sense/sdk/hold.hpp>
+#include <hear-sense/sdk/pitch.hpp>
 #include <webrtc/modules/audio_processing/include/audio_processing.h>
 
-#include "voice-pitch.hpp"
 #include "voice-speech.hpp"
 
 namespace {
@@ -39,13 +40,12 @@ private:
 		webrtc::StreamConfig from;
 		webrtc::StreamConfig to{voice_rate, 1};
 		std::unique_ptr<webrtc::AudioProcessing> processing{webrtc::AudioProcessing::Create()};
-		voice_pitch_meter meter;
+		pitch_meter meter{voice_rate};
 		voice_speech speech;
 		std::vector<const float *> channels;
 		std::array<float, voice_hop> mono{};
 		uint64_t n_looks = 0;
-		/** Looks since there was last speech. */
-		uint64_t quiet_looks = 0;
+		hold speaking;
 	};
 
 	int start() override
@@ -84,9 +84,7 @@ private:
 		const bool is_voice = now->processing->voice_detection()->stream_has_voice();
 		const bool is_speech =
 			now->speech.update(now->meter.look(now->mono), is_voice, fewest_glides[sensitivity.value()]);
-		now->quiet_looks = is_speech ? 0 : now->quiet_looks + 1;
-		const bool is_held = static_cast<double>(now->quiet_looks) * 0.01 < hold_time.value();
-		speech_event.tell(is_speech || (speech_event.is_detected() && is_held));
+		speech_event.tell(now->speaking.update(is_speech, 0.01, hold_time.value()));
 		if (++now->n_looks % 10 == 0)
 			activity_event.tell(now->speech.activity());
 	}

@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * The detector of the alarm plug-in.
+ * The alarm plug-in: its detector, and what the daemon has of it.
  */
 #include "alarm-detector.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -17,7 +18,10 @@
 
 #include <gtest/gtest.h>
 
+#include <spa/support/plugin.h>
+
 #include "counting-new.hpp"
+#include "sdk-host.hpp"
 
 namespace {
 
@@ -136,23 +140,20 @@ void PrintTo(const change &told, std::ostream *out)
 	     << " dB";
 }
 
-/** Hears one signal for each channel in buffers of that size; the changes, by the end of their buffer. */
-std::vector<change> hear(const std::vector<samples> &signals, uint32_t rate = 16000, size_t buffer = 256,
-			 double minimum_level = alarm_default_minimum)
+/** Hears one signal for each channel; the changes, by the end of their hop. */
+std::vector<change> hear(const std::vector<samples> &signals, uint32_t rate = 16000, double minimum_level = -70.0)
 {
-	const std::unique_ptr<alarm_detector> detector = alarm_detector::create(rate, signals.size());
-	EXPECT_TRUE(detector);
-	detector->minimum_level = minimum_level;
+	alarm_detector detector{rate, signals.size()};
 	std::vector<change> changes;
-	bool was[alarm_n_kinds] = {};
+	bool was[2] = {};
 	std::vector<std::span<const float>> heard(signals.size());
-	for (size_t frame = 0; frame < signals[0].size(); frame += buffer) {
-		const size_t n = std::min(buffer, signals[0].size() - frame);
+	const size_t n = detector.hop_frames();
+	for (size_t frame = 0; frame + n <= signals[0].size(); frame += n) {
 		for (size_t c = 0; c < signals.size(); c++)
 			heard[c] = std::span{signals[c]}.subspan(frame, n);
-		detector->hear(heard);
+		detector.hear(heard, minimum_level);
 		for (const alarm_kind kind : {ALARM_SMOKE, ALARM_CARBON_MONOXIDE}) {
-			const alarm_state &now = detector->state(kind);
+			const alarm_state &now = detector.state(kind);
 			if (now.is_sounding != was[kind])
 				changes.push_back(
 					{kind, now.is_sounding, static_cast<double>(frame + n) / rate, now.tone});
@@ -184,6 +185,40 @@ void expect_heard(alarm_kind kind, const rhythm &in, const sound &of)
 	SCOPED_TRACE(testing::Message() << of.frequency << " Hz, " << of.rate << " Hz rate, cycle " << cycle);
 	expect_alarm(hear({signal}, of.rate), kind, 0.0, cycle, 4.0 * cycle - in.back().off);
 }
+
+const hear_sense::factory &factory()
+{
+	const spa_handle_factory *found = nullptr;
+	uint32_t index = 0;
+	EXPECT_EQ(spa_handle_factory_enum(&found, &index), 1);
+	return static_cast<const hear_sense::factory &>(*found);
+}
+
+/** The plug-in itself, on one channel. */
+class plugin_host : public sdk_host
+{
+public:
+	plugin_host() : sdk_host{factory()}
+	{
+	}
+
+	int start(uint32_t rate)
+	{
+		const int is_open = init();
+		stream.info.rate = rate;
+		deinit();
+		return is_open < 0 ? is_open : interface->funcs->init(interface->data, &stream, nullptr);
+	}
+
+	void hear(const samples &signal, size_t buffer)
+	{
+		for (size_t frame = 0; frame < signal.size(); frame += buffer) {
+			const auto begin = signal.begin() + static_cast<std::ptrdiff_t>(frame);
+			const size_t n = std::min(buffer, signal.size() - frame);
+			process(planar<float>({samples(begin, begin + static_cast<std::ptrdiff_t>(n))}));
+		}
+	}
+};
 
 } // namespace
 
@@ -224,15 +259,6 @@ TEST(alarm, hears_at_all_rates)
 		expect_heard(ALARM_CARBON_MONOXIDE, carbon_monoxide,
 			     {.frequency = 520.0, .is_square = true, .rate = rate});
 	}
-}
-
-TEST(alarm, refuses_rates_that_are_too_low_or_too_high_and_no_channels)
-{
-	EXPECT_FALSE(alarm_detector::create(7999, 1));
-	EXPECT_FALSE(alarm_detector::create(192001, 1));
-	EXPECT_FALSE(alarm_detector::create(0, 1));
-	EXPECT_FALSE(alarm_detector::create(48000, 0));
-	EXPECT_TRUE(alarm_detector::create(8000, 64));
 }
 
 TEST(alarm, takes_timing_that_is_a_tenth_off)
@@ -319,8 +345,8 @@ TEST(alarm, tells_nothing_of_the_tone_once_it_is_over)
 TEST(alarm, minimum_level_is_that_of_the_tone)
 {
 	const samples signal = beeps(smoke, 3.0);
-	EXPECT_EQ(hear({signal}, 16000, 256, level - 1.0).size(), 1U);
-	EXPECT_EQ(hear({signal}, 16000, 256, level + 1.0).size(), 0U);
+	EXPECT_EQ(hear({signal}, 16000, level - 1.0).size(), 1U);
+	EXPECT_EQ(hear({signal}, 16000, level + 1.0).size(), 0U);
 }
 
 /*
@@ -452,49 +478,6 @@ TEST(alarm, hears_on_any_channel)
 	expect_alarm(hear({signal, inverse}), ALARM_SMOKE, 0.0, 4.0, 10.5);
 }
 
-TEST(alarm, hears_the_same_whatever_the_buffers)
-{
-	samples signal = beeps(smoke, 3.0, high, 8.0);
-	const samples second = beeps(carbon_monoxide, 3.0, low, 12.0);
-	signal.insert(signal.end(), second.begin(), second.end());
-	signal = sum(signal, noise(signal.size(), 0.02, 4));
-
-	const auto rounded_up = [](double time, size_t buffer) {
-		const double seconds = static_cast<double>(buffer) / 16000.0;
-		return std::ceil(std::round(time * 16000.0) / static_cast<double>(buffer)) * seconds;
-	};
-	const std::vector<change> expected = hear({signal}, 16000, 1);
-	ASSERT_EQ(expected.size(), 4U) << testing::PrintToString(expected);
-	for (const size_t buffer : {64U, 1000U, 4096U}) {
-		std::vector<change> late = expected;
-		for (change &each : late)
-			each.time = rounded_up(each.time, buffer);
-		const std::vector<change> changes = hear({signal}, 16000, buffer);
-		ASSERT_EQ(changes.size(), late.size()) << buffer;
-		for (size_t i = 0; i < late.size(); i++) {
-			EXPECT_NEAR(changes[i].time, late[i].time, 1e-9) << buffer;
-			late[i].time = changes[i].time;
-			EXPECT_EQ(changes[i], late[i]) << buffer;
-		}
-	}
-}
-
-TEST(alarm, takes_no_memory_while_it_hears)
-{
-	const samples signal = beeps(smoke, 3.0, high, 8.0);
-	const std::unique_ptr<alarm_detector> detector = alarm_detector::create(16000, 1);
-	const std::span<const float> heard{signal};
-	const size_t before = hs_count_allocations();
-	bool has_heard = false;
-	for (size_t frame = 0; frame + 320 <= signal.size(); frame += 320) {
-		const std::span<const float> part = heard.subspan(frame, 320);
-		detector->hear({&part, 1});
-		has_heard |= detector->state(ALARM_SMOKE).is_sounding;
-	}
-	EXPECT_EQ(hs_count_allocations(), before);
-	EXPECT_TRUE(has_heard);
-}
-
 TEST(alarm, is_not_spoilt_by_what_is_no_number)
 {
 	samples signal = beeps(smoke, 3.0, high, 8.0);
@@ -514,4 +497,75 @@ TEST(alarm, is_not_spoilt_by_what_is_no_number)
 	const samples good = beeps(smoke, 3.0, high, 8.0);
 	spoilt.insert(spoilt.end(), good.begin(), good.end());
 	expect_alarm(hear({spoilt}), ALARM_SMOKE, 10.0, 4.0, 20.5);
+}
+
+/*
+ * The plug-in.
+ */
+
+TEST(alarm_plugin, refuses_rates_that_are_too_low_or_too_high)
+{
+	plugin_host host;
+	EXPECT_EQ(host.start(7999), -EINVAL);
+	ASSERT_EQ(host.log.lines.size(), 1U);
+	EXPECT_NE(host.log.lines[0].text.find("audio.rate"), std::string::npos) << host.log.lines[0].text;
+	EXPECT_EQ(host.start(192001), -EINVAL);
+	EXPECT_EQ(host.start(8000), 0);
+	EXPECT_EQ(host.start(192000), 0);
+}
+
+TEST(alarm_plugin, tells_the_same_whatever_the_buffers)
+{
+	samples signal = beeps(smoke, 3.0, high, 8.0);
+	const samples second = beeps(carbon_monoxide, 3.0, low, 12.0);
+	signal.insert(signal.end(), second.begin(), second.end());
+	signal = sum(signal, noise(signal.size(), 0.02, 4));
+
+	std::vector<sdk_told> expected;
+	for (const size_t buffer : {1U, 64U, 1000U, 4096U}) {
+		plugin_host host;
+		ASSERT_EQ(host.start(16000), 0);
+		host.hear(signal, buffer);
+		if (expected.empty())
+			expected = host.told;
+		EXPECT_EQ(host.told, expected) << buffer;
+	}
+	/* Each alarm comes and goes, and its tone with it. */
+	const auto tells_of = [&](uint32_t index) {
+		return std::count_if(expected.begin(), expected.end(),
+				     [=](const sdk_told &told) { return told.index == index; });
+	};
+	EXPECT_EQ(tells_of(0), 2);
+	EXPECT_EQ(tells_of(1), 2);
+	EXPECT_GE(tells_of(2), 4);
+}
+
+TEST(alarm_plugin, is_silent_after_a_pause_of_the_audio)
+{
+	plugin_host host;
+	ASSERT_EQ(host.start(16000), 0);
+	host.hear(beeps(smoke, 2.0), 256);
+	EXPECT_NE(host.event_text(0).find("true"), std::string::npos) << host.event_text(0);
+	host.deactivate();
+	EXPECT_EQ(host.event_text(0).find("true"), std::string::npos) << host.event_text(0);
+	ASSERT_EQ(host.activate(), 0);
+	/* The round before the pause does not count. */
+	host.hear(beeps(smoke, 1.0), 256);
+	EXPECT_EQ(host.event_text(0).find("true"), std::string::npos) << host.event_text(0);
+}
+
+TEST(alarm_plugin, takes_no_memory_while_it_hears)
+{
+	plugin_host host;
+	ASSERT_EQ(host.start(16000), 0);
+	const samples signal = beeps(smoke, 3.0, high);
+	sdk_buffer buffer = planar<float>({samples(320)});
+	host.interface->notify_event = nullptr;
+	const size_t before = hs_count_allocations();
+	for (size_t frame = 0; frame + 320 <= signal.size(); frame += 320) {
+		std::memcpy(buffer.blocks[0].data(), signal.data() + frame, 320 * sizeof(float));
+		host.process(buffer);
+	}
+	EXPECT_EQ(hs_count_allocations(), before);
+	EXPECT_NE(host.event_text(0).find("true"), std::string::npos) << host.event_text(0);
 }

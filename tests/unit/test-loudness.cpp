@@ -1,7 +1,6 @@
 /*
- * The meter and the alarm of the loudness plug-in.
+ * The meter of the loudness plug-in.
  */
-#include "loudness-alarm.hpp"
 #include "loudness-meter.hpp"
 
 #include <algorithm>
@@ -42,8 +41,8 @@ std::vector<float> sines(uint32_t rate, const std::vector<tone> &tones, int time
 		for (const tone &tone : tones) {
 			const long n = std::lround(tone.seconds * rate);
 			for (long k = 0; k < n; k++) {
-				const double phase = 2.0 * std::numbers::pi * 1000.0 *
-						     static_cast<double>(samples.size()) / rate;
+				const double phase =
+					2.0 * std::numbers::pi * 1000.0 * static_cast<double>(samples.size()) / rate;
 				samples.push_back(amplitude(tone.dbfs) * static_cast<float>(std::sin(phase)));
 			}
 		}
@@ -66,8 +65,7 @@ std::vector<loudness_values> hear(loudness_meter &meter, const std::vector<std::
 }
 
 /** What the same signal on all channels measures. */
-std::vector<loudness_values> measure(uint32_t rate, const positions &channels,
-				     const std::vector<float> &signal)
+std::vector<loudness_values> measure(uint32_t rate, const positions &channels, const std::vector<float> &signal)
 {
 	const auto meter = loudness_meter::create(rate, channels);
 	EXPECT_TRUE(meter);
@@ -103,7 +101,9 @@ void expect_finite(const loudness_values &values)
 
 } // namespace
 
-class LoudnessMeterRates : public testing::TestWithParam<uint32_t> {};
+class LoudnessMeterRates : public testing::TestWithParam<uint32_t>
+{
+};
 
 /* The first two: EBU Tech 3341, cases 1 and 2, whose signals are the same but for the level. */
 TEST_P(LoudnessMeterRates, MeasuresASteadyStereoTone)
@@ -140,8 +140,7 @@ INSTANTIATE_TEST_SUITE_P(Ebu, LoudnessMeterRates, testing::Values(48000U, 44100U
 
 TEST(LoudnessMeter, MeasuresAtEveryUsualRate)
 {
-	for (const uint32_t rate :
-	     {8000U, 11025U, 16000U, 22050U, 32000U, 44100U, 48000U, 88200U, 96000U, 192000U}) {
+	for (const uint32_t rate : {8000U, 11025U, 16000U, 22050U, 32000U, 44100U, 48000U, 88200U, 96000U, 192000U}) {
 		const auto looks = measure(rate, mono, sines(rate, {{4.0, -20.0}}));
 		ASSERT_GE(looks.size(), 39U) << rate;
 		ASSERT_LE(looks.size(), 40U) << rate;
@@ -181,9 +180,8 @@ TEST(LoudnessMeter, LooksTenTimesASecondOfAudio)
 TEST(LoudnessMeter, TakesMonoAsOneChannel)
 {
 	const std::vector<float> signal = sines(48000, {{4.0, -20.0}});
-	for (const uint32_t position :
-	     {SPA_AUDIO_CHANNEL_MONO, SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_SL, SPA_AUDIO_CHANNEL_LFE,
-	      SPA_AUDIO_CHANNEL_AUX0, SPA_AUDIO_CHANNEL_UNKNOWN}) {
+	for (const uint32_t position : {SPA_AUDIO_CHANNEL_MONO, SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_SL,
+					SPA_AUDIO_CHANNEL_LFE, SPA_AUDIO_CHANNEL_AUX0, SPA_AUDIO_CHANNEL_UNKNOWN}) {
 		const loudness_values values = measure(48000, {position}, signal).back();
 		EXPECT_NEAR(values.momentary, -23.01, 0.05) << position;
 		EXPECT_NEAR(values.short_term, -23.01, 0.05) << position;
@@ -225,8 +223,7 @@ TEST(LoudnessMeter, WeighsChannelsByTheirPlace)
 		EXPECT_NEAR(measure_one(five_one, c, signal).momentary, expected_five_one[c], 0.05) << c;
 	for (size_t c = 0; c < seven_one.size(); c++)
 		EXPECT_NEAR(measure_one(seven_one, c, signal).momentary, expected_seven_one[c], 0.05) << c;
-	EXPECT_NEAR(measure_one({SPA_AUDIO_CHANNEL_FLW, SPA_AUDIO_CHANNEL_FRW}, 1, signal).momentary,
-		    surround, 0.05);
+	EXPECT_NEAR(measure_one({SPA_AUDIO_CHANNEL_FLW, SPA_AUDIO_CHANNEL_FRW}, 1, signal).momentary, surround, 0.05);
 
 	for (const uint32_t silent : {SPA_AUDIO_CHANNEL_NA, SPA_AUDIO_CHANNEL_LFE2, SPA_AUDIO_CHANNEL_LLFE})
 		EXPECT_EQ(measure_one({SPA_AUDIO_CHANNEL_FL, silent}, 1, signal).momentary, -70.0) << silent;
@@ -250,10 +247,8 @@ TEST(LoudnessMeter, TellsThePeakOfTheLastTenthOnly)
 TEST(LoudnessMeter, StopsAtTheFloor)
 {
 	expect_floor(loudness_values{});
-	for (const float sample :
-	     {0.0F, 1e-30F, std::numeric_limits<float>::denorm_min(), amplitude(-140.0)}) {
-		for (const loudness_values &look :
-		     measure(48000, stereo, std::vector<float>(5 * 48000, sample)))
+	for (const float sample : {0.0F, 1e-30F, std::numeric_limits<float>::denorm_min(), amplitude(-140.0)}) {
+		for (const loudness_values &look : measure(48000, stereo, std::vector<float>(5 * 48000, sample)))
 			expect_floor(look);
 	}
 	EXPECT_EQ(measure(48000, mono, sines(48000, {{5.0, -80.0}})).back().momentary, -70.0);
@@ -286,48 +281,4 @@ TEST(LoudnessMeter, IsStableAtItsLowestRate)
 	std::vector<float> signal(8000);
 	signal[0] = 1.0F;
 	EXPECT_EQ(measure(4000, mono, signal).back().momentary, -70.0);
-}
-
-TEST(LoudnessAlarm, IsRaisedAtOnceAboveTheThreshold)
-{
-	loudness_alarm alarm;
-	alarm.update(-20.0, -20.0, 2.0, 0.1);
-	EXPECT_FALSE(alarm.is_raised);
-	alarm.update(-19.9, -20.0, 2.0, 0.1);
-	EXPECT_TRUE(alarm.is_raised);
-}
-
-TEST(LoudnessAlarm, IsClearedWhenItWasQuietForTheHoldTime)
-{
-	for (const double hold_time : {0.1, 0.3, 0.7, 2.0, 60.0}) {
-		loudness_alarm alarm;
-		alarm.update(0.0, -20.0, hold_time, 0.1);
-		const long looks = std::lround(hold_time * 10.0);
-		for (long i = 1; i < looks; i++) {
-			alarm.update(-30.0, -20.0, hold_time, 0.1);
-			ASSERT_TRUE(alarm.is_raised) << hold_time << " " << i;
-		}
-		alarm.update(-30.0, -20.0, hold_time, 0.1);
-		EXPECT_FALSE(alarm.is_raised) << hold_time;
-	}
-}
-
-TEST(LoudnessAlarm, HoldsWhileLoudMomentsReturn)
-{
-	loudness_alarm alarm;
-	for (int i = 0; i < 100; i++) {
-		alarm.update(i % 10 == 0 ? -10.0 : -30.0, -20.0, 1.0, 0.1);
-		ASSERT_TRUE(alarm.is_raised) << i;
-	}
-	alarm.update(-30.0, -20.0, 1.0, 0.1);
-	EXPECT_FALSE(alarm.is_raised);
-}
-
-TEST(LoudnessAlarm, IsClearedAtOnceWithoutAHoldTime)
-{
-	loudness_alarm alarm;
-	alarm.update(-10.0, -20.0, 0.0, 0.1);
-	EXPECT_TRUE(alarm.is_raised);
-	alarm.update(-30.0, -20.0, 0.0, 0.1);
-	EXPECT_FALSE(alarm.is_raised);
 }
