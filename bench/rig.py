@@ -139,11 +139,8 @@ def wait_quiet(*pids):
         last = now
 
 
-def has_program(name):
-    return shutil.which(name) is not None
 
-
-def environment_of(build):
+def environment_of():
     """What the figures were taken with."""
     def first(command):
         return os.popen(command).read().strip().splitlines()
