@@ -5,7 +5,8 @@
  *
  *	bare-capture [--idle | --loudness] NODE...
  *
- * With --loudness each stream also has the meter of the plug-in "loudness"; with --idle no buffers flow.
+ * The nodes are sinks. With --loudness each stream also has the meter of the plug-in "loudness". With --idle
+ * they are microphones, and no buffers flow.
  * Prints "ready" when every stream has had a buffer, or is paused.
  */
 #include <cstdio>
@@ -113,10 +114,11 @@ constexpr pw_stream_events stream_events = [] {
 bool connect(capture *self, pw_core *core, const char *node)
 {
 	const std::string name = std::string{"bare-"} + node;
-	self->stream =
-		pw_stream_new(core, "bare-capture",
-			      pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
-						PW_KEY_NODE_NAME, name.c_str(), PW_KEY_TARGET_OBJECT, node, nullptr));
+	pw_properties *props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
+						 PW_KEY_NODE_NAME, name.c_str(), PW_KEY_TARGET_OBJECT, node, nullptr);
+	if (!self->all->is_idle)
+		pw_properties_set(props, PW_KEY_STREAM_CAPTURE_SINK, "true");
+	self->stream = pw_stream_new(core, "bare-capture", props);
 	pw_stream_add_listener(self->stream, &self->listener, &stream_events, self);
 
 	uint8_t buffer[1024];

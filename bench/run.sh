@@ -48,4 +48,5 @@ step 'Building with -O2 -DNDEBUG'
 		"$build" "$here/.." >"$work/setup.log" || fail 'The build can not be set up.' '' "$work/setup.log"
 ninja -C "$build" src/hear-sense bench
 
-PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$here/run.py" "$build" "$@"
+PYTHONPATH=$here/../tests/integration PYTHONDONTWRITEBYTECODE=1 \
+	/usr/bin/python3 "$here/run.py" "$build" "$@"

@@ -4,6 +4,8 @@ import time
 
 from rig import Rig, processor_time
 
+_OF_A_SINK = "stream-properties=props,stream.capture.sink=true"
+
 
 def _windows(processes, count, seconds):
     """The processor time of each process in each window, in seconds for a second of audio."""
@@ -26,7 +28,7 @@ def _measure(rig, daemon, others, pairs, seconds):
 
 def idle(build, streams, pairs, seconds=2.0):
     """(daemon, bare client), a list of windows each, with a plug-in that does nothing."""
-    with Rig(build, streams) as rig:
+    with Rig(build, streams, sinks=True) as rig:
         bare = rig.run("bare", "bare-capture", *rig.names)
         stage = rig.stage()
         rig.plugin(stage, "idle", public=True)
@@ -37,11 +39,11 @@ def idle(build, streams, pairs, seconds=2.0):
 
 def loudness(build, streams, pairs, seconds=2.0):
     """(daemon, bare client with the same meter, GStreamer with a level meter on each node)."""
-    with Rig(build, streams) as rig:
+    with Rig(build, streams, sinks=True) as rig:
         bare = rig.run("bare", "bare-capture", "--loudness", *rig.names)
         pipelines = []
         for name in rig.names:
-            pipelines += ["pipewiresrc", f"target-object={name}", "!", "level", "!", "fakesink"]
+            pipelines += ["pipewiresrc", f"target-object={name}", _OF_A_SINK, "!", "level", "!", "fakesink"]
         peer = rig.run("gstreamer", "gst-launch-1.0", "-q", *pipelines)
         stage = rig.stage()
         stage.install_library("loudness", rig.build / "plugins/loudness/libspa-hs-loudness.so")
