@@ -58,6 +58,10 @@ $quick || packages+=(
 	'clang-14|the second compiler'
 	'libclang-rt-14-dev|its sanitizers'
 	'llvm-14|names the functions in their reports'
+	'libbenchmark-dev|times what runs inside one process'
+	'gstreamer1.0-tools|what the daemon is compared with'
+	'gstreamer1.0-plugins-good|its level meter'
+	'gstreamer1.0-pipewire|its microphones'
 	'valgrind|finds leaks in the daemon')
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/hear-sense-test.XXXXXX")
@@ -168,6 +172,19 @@ fuzz()
 	fi
 }
 
+# benchmarks FOLDER: only where a ratio is past twice its goal has something gone wrong for certain.
+benchmarks()
+{
+	local folder=$1
+	$built || return 0
+	if PYTHONPATH=$here/tests/integration PYTHONDONTWRITEBYTECODE=1 \
+		/usr/bin/python3 bench/run.py "$folder" --quick --tolerance 2; then
+		add 1 0 0
+	else
+		add 0 1 0
+	fi
+}
+
 need_packages "$work/apt.log" "${packages[@]}"
 
 export CC=gcc CXX=g++
@@ -176,11 +193,13 @@ if $quick; then
 	timed 'Unit tests' unit_tests build-test
 	timed 'Integration tests' integration_tests build-test integration -n 2 tests/integration
 else
-	timed 'Building with g++, optimised' build build-test-gcc -Doptimization=2 -Ddebug=true -Db_ndebug=true
+	timed 'Building with g++, optimised' build build-test-gcc -Doptimization=2 -Ddebug=true -Db_ndebug=true -Dbench=true
 	timed 'Unit tests' unit_tests build-test-gcc
 	timed 'Integration tests' integration_tests build-test-gcc integration -n 2 tests/integration
 
 	timed 'Figures of the plug-ins, shortened' figures build-test-gcc alarm voice
+
+	timed 'Benchmarks, shortened' benchmarks build-test-gcc
 
 	export HS_TEST_TIMEOUT_SCALE=10
 	export HS_TEST_WRAPPER='valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=97'
