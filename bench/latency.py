@@ -17,7 +17,9 @@ def _path():
 
 def _fast_rig(build):
     """Buffers of 48 samples at 48 kHz: a thousand a second."""
-    rig = Rig(build, 1)
+    rig = Rig(build, 1, sinks=True)
+    # The daemon by itself does not keep a sink running.
+    rig.wait_ready(rig.run("runner", "bare-capture", *rig.names))
     rig.graph._ask("pw-metadata", "-n", "settings", "0", "clock.force-quantum", str(48000 // RATE))
     return rig
 
@@ -28,7 +30,9 @@ def _results(receiver, count):
         return not receiver.alive
 
     wait_until(done, f"{receiver.name} to have read {count} windows", PATIENCE)
-    return [json.loads(line) for line in receiver.out().splitlines()]
+    windows = [json.loads(line) for line in receiver.out().splitlines()]
+    assert all(window["n"] > 0 for window in windows), f"{receiver.name}: no values came: {windows}"
+    return windows
 
 
 def _receiver(rig, name, where, what, windows, milliseconds):
