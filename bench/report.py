@@ -111,7 +111,7 @@ def draw(data, folder):
                 linestyle="--",
                 color=own[0].get_color(),
                 alpha=0.6,
-                label=f"compared with {label}".strip().removesuffix(" with") if not label else f"{label}, compared with",
+                label=f"{label}, compared with" if label else "compared with",
             )
         if is_log:
             axes.set_xscale("log")

@@ -170,10 +170,26 @@ PARTS = {
 }
 
 
+def measure(options):
+    build = options.build.resolve()
+    os.environ["HS_BUILD_DIR"] = str(build)
+    results = Results()
+    for name in options.only:
+        print(f"==> {name}", flush=True)
+        PARTS[name](build, results, options)
+    return {
+        "machine": rig.environment_of(),
+        "pairs": options.pairs,
+        "rows": results.rows,
+        "series": results.series,
+    }
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("build", type=pathlib.Path)
-    parser.add_argument("--quick", action="store_true", help="few pairs, and no plots")
+    parser.add_argument("--from", dest="source", type=pathlib.Path, help="shows these results, and measures nothing")
+    parser.add_argument("--quick", action="store_true", help="few pairs")
     parser.add_argument("--only", nargs="+", choices=PARTS, default=list(PARTS), help="leaves out the other parts")
     parser.add_argument("--out", type=pathlib.Path, help="writes the results to this file")
     parser.add_argument("--tolerance", type=float, default=1.0,
@@ -185,13 +201,10 @@ def main():
     options.rounds = 1 if options.quick else 3
     options.min_time = 0.05 if options.quick else 0.2
 
-    build = options.build.resolve()
-    os.environ["HS_BUILD_DIR"] = str(build)
-    results = Results()
-    for name in options.only:
-        print(f"==> {name}", flush=True)
-        PARTS[name](build, results, options)
-    data = {"machine": rig.environment_of(), "pairs": options.pairs, "rows": results.rows, "series": results.series}
+    if options.source:
+        data = json.loads(options.source.read_text())
+    else:
+        data = measure(options)
     if options.out:
         options.out.write_text(json.dumps(data, indent=1) + "\n")
     if options.plots:

@@ -8,6 +8,7 @@ usage()
 {
 	cat <<-END
 	Usage: bench/run.sh [--quick] [--only PART...] [--tolerance FACTOR] [--out FILE] [--plots FOLDER]
+	       [--from FILE]
 
 	Installs the Debian packages that measuring needs and are missing, builds with -O2 -DNDEBUG into build-bench,
 	measures, and prints a table of ratios with their goals. docs/performance.md tells what each row is.
@@ -17,6 +18,7 @@ usage()
 	  --tolerance  fails only where a ratio is past its goal times this; 1 if not told
 	  --out        writes the results to this file as JSON
 	  --plots      measures the series as well and draws them into this folder
+	  --from       shows and draws the results of this file, and measures nothing
 	END
 }
 
