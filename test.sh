@@ -52,6 +52,7 @@ packages=("${common_packages[@]}"
 	'libgtest-dev|unit tests'
 	'locales|unit tests in a language with decimal commas'
 	'procps|what the daemon leaves behind'
+	'strace|lets calls of the daemon fail'
 	'python3-pytest|integration tests'
 	'python3-pytest-xdist|runs them in parallel')
 $quick || packages+=(

@@ -58,7 +58,12 @@ def pytest_runtest_protocol(item, nextitem):
 @pytest.fixture(scope="session")
 def build():
     path = pathlib.Path(os.environ["HS_BUILD_DIR"]).resolve()
-    for needed in ("src/hear-sense", "tests/plugins/libspa-hs-scripted.so", "tests/plugins/hs-export-metadata"):
+    for needed in (
+        "src/hear-sense",
+        "tests/plugins/libspa-hs-scripted.so",
+        "tests/plugins/hs-export-metadata",
+        "tests/plugins/hs-write-file",
+    ):
         assert (path / needed).exists(), f"{path / needed} has not been built"
     return path
 

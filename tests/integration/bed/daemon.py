@@ -84,8 +84,13 @@ def in_namespace(stage, argv):
 
 
 class Daemon:
-    def __init__(self, stage, bus_address, graph, args=(), env=None, without=(), privileged=True, debug="4"):
-        """`without` names environment variables to leave out; privileged=False keeps root to file modes."""
+    def __init__(
+        self, stage, bus_address, graph, args=(), env=None, without=(), privileged=True, debug="4", wrapper=()
+    ):
+        """`without` names environment variables to leave out; privileged=False keeps root to file modes.
+
+        `wrapper` is a command that runs the daemon in its place, such as prlimit with its options.
+        """
         self.stage = stage
         self.ended = False
         self._status = None
@@ -104,7 +109,8 @@ class Daemon:
         environment |= env or {}
         for name in without:
             environment.pop(name, None)
-        argv = [*shlex.split(os.environ.get("HS_TEST_WRAPPER", "")), str(stage.build / "src/hear-sense"), *args]
+        under = [*wrapper, *shlex.split(os.environ.get("HS_TEST_WRAPPER", ""))]
+        argv = [*under, str(stage.build / "src/hear-sense"), *args]
         if os.getuid() == 0:
             if not privileged:
                 argv = ["setpriv", "--bounding-set=-dac_override,-dac_read_search", "--", *argv]
