@@ -85,7 +85,17 @@ def in_namespace(stage, argv):
 
 class Daemon:
     def __init__(
-        self, stage, bus_address, graph, args=(), env=None, without=(), privileged=True, debug="4", wrapper=()
+        self,
+        stage,
+        bus_address,
+        graph,
+        args=(),
+        env=None,
+        without=(),
+        privileged=True,
+        debug="4",
+        wrapper=(),
+        program="src/hear-sense",
     ):
         """`without` names environment variables to leave out; privileged=False keeps root to file modes.
 
@@ -110,7 +120,7 @@ class Daemon:
         for name in without:
             environment.pop(name, None)
         under = [*wrapper, *shlex.split(os.environ.get("HS_TEST_WRAPPER", ""))]
-        argv = [*under, str(stage.build / "src/hear-sense"), *args]
+        argv = [*under, str(stage.build / program), *args]
         if os.getuid() == 0:
             if not privileged:
                 argv = ["setpriv", "--bounding-set=-dac_override,-dac_read_search", "--", *argv]
