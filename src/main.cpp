@@ -194,6 +194,10 @@ int run_daemon(daemon_parts *parts, const char *config_path)
 	if (!connect_pipewire(parts))
 		return -1;
 	pw_registry *registry = pw_core_get_registry(parts->core, PW_VERSION_REGISTRY, 0);
+	if (!registry) {
+		pw_log_error("Could not get the registry of PipeWire: %m");
+		return -1;
+	}
 	parts->registry = hs_registry_new(registry);
 	sd_bus *bus = parts->bus;
 	hs_context *context = hs_context_new(parts->pipewire, parts->core, parts->loop, parts->registry, bus);
