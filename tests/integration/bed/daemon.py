@@ -162,6 +162,14 @@ class Daemon:
         if not reserves_terabytes and not os.environ.get("HS_TEST_WRAPPER"):
             assert (now or self.memory()) - before < limit_kb
 
+    def cpu_seconds(self):
+        """What all threads have used so far."""
+        total = 0
+        for task in os.listdir(f"/proc/{self.pid}/task"):
+            with open(f"/proc/{self.pid}/task/{task}/schedstat", encoding="ascii") as times:
+                total += int(times.read().split()[0])
+        return total / 1e9
+
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 

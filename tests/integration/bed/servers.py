@@ -100,13 +100,21 @@ class Graph:
         self.processes = []
         self.server = self._start("pipewire", ["pipewire"])
         wait_until(lambda: accepts(self.socket), lambda: "PipeWire: " + self.server.err())
-        self.manager = self._start("wireplumber", ["wireplumber"])
+        self.start_manager()
         self.cli = self._start("pw-cli", ["pw-cli"], stdin=subprocess.PIPE)
 
     def _start(self, name, argv, stdin=subprocess.DEVNULL):
         process = Process(argv, name, self.folder, self.env, stdin=stdin)
         self.processes.append(process)
         return process
+
+    def start_manager(self):
+        """Who links microphones and streams; a new one where the last has ended."""
+        self.manager = self._start("wireplumber", ["wireplumber"])
+
+    def force(self, key, value):
+        """Has the graph, and every stream, change over to that "rate", or to buffers of that "quantum"."""
+        self._ask("pw-metadata", "-n", "settings", "0", f"clock.force-{key}", str(value))
 
     def command(self, line):
         """One line to pw-cli, which answers to its log at best."""
