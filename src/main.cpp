@@ -2,6 +2,7 @@
  * The hear-sense daemon: start-up, command line and shutdown.
  */
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -113,10 +114,16 @@ bool init_rights()
 	return false;
 }
 
+/* PipeWire's own end says so whatever the cause is; without a descriptor left, for one, it can not read on. */
+bool is_lost(int res, const char *message)
+{
+	return res == -EPIPE || spa_streq(message, "connection error");
+}
+
 /* The dead connection would never announce another node, so the service manager starts us afresh. */
 void on_core_error(void *data, uint32_t id, int, int res, const char *message)
 {
-	if (id != PW_ID_CORE || res != -EPIPE)
+	if (id != PW_ID_CORE || !is_lost(res, message))
 		return;
 	pw_log_error("PipeWire connection lost: %s", message ? message : std::strerror(-res));
 	hs_loop_do_quit(static_cast<hs_loop *>(data), 0);
@@ -249,6 +256,8 @@ int main(int argc, char *argv[])
 	}
 
 	raise_descriptor_limit();
+	/* A file that may not grow is a write that fails, as on a full disk. */
+	std::signal(SIGXFSZ, SIG_IGN);
 	hs_metrics_init(metrics_dir);
 	daemon_parts parts{};
 	parts.loop = hs_loop_new();

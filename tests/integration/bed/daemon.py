@@ -18,6 +18,9 @@ from .servers import base_environment, system_spa_dir
 KEPT_ETC = ("passwd", "group", "nsswitch.conf", "ld.so.cache", "ld.so.conf", "ld.so.conf.d", "localtime", "pipewire")
 KEPT_SHARE = ("pipewire", "zoneinfo")
 
+#: Below it are the files that the daemon writes.
+WRITTEN = "/etc/hear-sense"
+
 SANITIZER_REPORTS = ("AddressSanitizer", "LeakSanitizer", "UndefinedBehaviorSanitizer", "runtime error:")
 
 #: What the wrapper valgrind exits with when it has found something.
@@ -30,7 +33,7 @@ class UnexpectedEnd(AssertionError):
 
 def _mounts(stage):
     return (
-        (stage.etc, "/etc/hear-sense"),
+        (stage.etc, WRITTEN),
         (stage.share, "/usr/share/hear-sense"),
         (stage.rights, "/etc/vetto2"),
     )
@@ -44,7 +47,7 @@ def _kept():
                 yield path
 
 
-def _as_root(stage, argv):
+def _as_root(stage, argv, disk):
     """unshare and mount: the process that is started becomes the daemon itself."""
     real = stage.folder / "real"
     lines = ["set -e"]
@@ -63,16 +66,20 @@ def _as_root(stage, argv):
             lines.append(f"cp -p {shlex.quote(str(copy))} {path}")
     for source, target in _mounts(stage):
         lines.append(f"mkdir {target}; mount --bind {shlex.quote(str(source))} {target}")
+    if disk is not None:
+        lines.append(f"mount -t tmpfs -o size={disk} tmpfs {WRITTEN}")
     lines.append('exec "$@"')
     return ["unshare", "--mount", "--propagation", "private", "sh", "-c", "\n".join(lines), "sh", *argv]
 
 
-def _as_user(stage, argv, status_fd=None):
+def _as_user(stage, argv, disk, status_fd=None):
     args = ["bwrap", "--die-with-parent", "--dev-bind", "/", "/", "--tmpfs", "/etc", "--tmpfs", "/usr/share"]
     for path in _kept():
         args += ["--ro-bind", os.path.realpath(path), path]
     for source, target in _mounts(stage):
         args += ["--bind", str(source), target]
+    if disk is not None:
+        args += ["--size", str(disk), "--tmpfs", WRITTEN]
     if status_fd is not None:
         args += ["--json-status-fd", str(status_fd)]
     return [*args, "--", *argv]
@@ -80,7 +87,7 @@ def _as_user(stage, argv, status_fd=None):
 
 def in_namespace(stage, argv):
     """A command that finds the folders which the daemon finds."""
-    return _as_root(stage, argv) if os.getuid() == 0 else _as_user(stage, argv)
+    return _as_root(stage, argv, None) if os.getuid() == 0 else _as_user(stage, argv, None)
 
 
 class Daemon:
@@ -96,10 +103,12 @@ class Daemon:
         debug="4",
         wrapper=(),
         program="src/hear-sense",
+        disk=None,
     ):
         """`without` names environment variables to leave out; privileged=False keeps root to file modes.
 
-        `wrapper` is a command that runs the daemon in its place, such as prlimit with its options.
+        `wrapper` is a command that runs the daemon in its place, such as prlimit with its options. With `disk`,
+        what the daemon writes is on an empty disk of so many bytes, which ends with it.
         """
         self.stage = stage
         self.ended = False
@@ -121,16 +130,19 @@ class Daemon:
             environment.pop(name, None)
         under = [*wrapper, *shlex.split(os.environ.get("HS_TEST_WRAPPER", ""))]
         argv = [*under, str(stage.build / program), *args]
+        if disk is not None:
+            folders = " ".join(f"{WRITTEN}/{path.name}" for path in (stage.settings, stage.metrics))
+            argv = ["sh", "-c", f'mkdir {folders} && exec "$@"', "sh", *argv]
         if os.getuid() == 0:
             if not privileged:
                 argv = ["setpriv", "--bounding-set=-dac_override,-dac_read_search", "--", *argv]
-            self.process = Process(_as_root(stage, argv), "daemon", stage.logs, environment)
+            self.process = Process(_as_root(stage, argv, disk), "daemon", stage.logs, environment)
             self.pid = self.process.pid
         else:
             assert shutil.which("bwrap"), "bwrap is needed to run the tests as an ordinary user"
             reader, writer = os.pipe()
             self.process = Process(
-                _as_user(stage, argv, writer), "daemon", stage.logs, environment, pass_fds=(writer,)
+                _as_user(stage, argv, disk, writer), "daemon", stage.logs, environment, pass_fds=(writer,)
             )
             os.close(writer)
             # Stays open until bwrap has told the end of its child as well: it would die of a closed pipe.
