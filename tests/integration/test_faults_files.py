@@ -230,8 +230,7 @@ def test_daemon_that_dies_in_a_write_finds_one_text_whole_when_it_starts_again(b
         traced.start(f"{name}:signal=KILL:{traced.when(name, number)}")
         with pytest.raises((ConnectionError, CallFailed)):
             traced.set(6)
-        assert traced.daemon.process.wait() == -signal.SIGKILL
-        traced.daemon.ended = True
+        assert traced.daemon.status() == -signal.SIGKILL
         assert traced.stored() == (6 if position > renamed else 5), f"killed in {name}"
         wait_until(lambda: not traced.client.has_owner(), "the bus to forget the dead")
     _, client = bed.start()
