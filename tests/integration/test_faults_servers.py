@@ -54,7 +54,7 @@ class Scene:
         )
         # Of the little that is used at rest, the scripted plug-in takes most, for each buffer.
         bed.graph.force("quantum", 4096)
-        bed.microphone()
+        self.plug_in()
         self.daemon, self.client = bed.start()
         self.client.wait_added(self.plugin.path())
         self.plugin.wait_call("process")
@@ -65,21 +65,32 @@ class Scene:
         self.private.enable(self.plugin, "Rustle")
         self.value = 0
 
-    def fire(self, count, instance=None):
+    def plug_in(self):
+        """The test source of PipeWire would not always outlive what is done here."""
+        self.microphone = self.bed.graph.loop_microphone(SYSTEM_NODE, "feed")
+
+    def unplug(self):
+        self.microphone.stop()
+        self.client.wait_removed(self.plugin.path())
+
+    def fire(self, count):
         """Has the plug-in give both events `count` new values, as soon as it hears something."""
         lines = []
         for _ in range(count):
             self.value += 1
             lines.append(f"set Rustle {self.value}\nnotify 0\nset Speech {self.value}\nnotify 1\n")
-        with open(self.plugin.folder / f"{instance or self.plugin.name + '-0'}.ctl", "a", encoding="utf-8") as control:
+        with open(self.plugin.folder / f"{self.plugin.name}-0.ctl", "a", encoding="utf-8") as control:
             control.write("".join(lines))
 
     def wait_heard(self, *, on_main=True, on_private=True):
         """Both clients have heard every value in order, and none twice but where the stream starts or ends."""
         listeners = [(self.private, "Rustle")] * on_private + [(self.client, "Speech")] * on_main
         for peer, title in listeners:
-            what = f"{title} = {self.value} at {self.plugin.path()}"
-            wait_until(lambda: self.heard(peer, title)[-1:] == [self.value], what, 20, 0.05)
+            wait_until(
+                lambda: self.heard(peer, title)[-1:] == [self.value],
+                lambda: f"{title} = {self.value}, not {self.heard(peer, title)[-3:]}",
+                *(20, 0.05),
+            )
             heard = self.heard(peer, title)
             assert heard == sorted(heard)
             assert set(heard) - {0} == set(range(1, self.value + 1))
@@ -199,10 +210,9 @@ def test_session_manager_that_is_killed_costs_audio_until_another_comes(scene, b
     scene.assert_serves()
     scene.assert_idles("the session manager was killed")
     # It would have held the microphones of the device, which go and come with it.
-    scene.bed.unplug()
-    scene.client.wait_removed(scene.plugin.path())
+    scene.unplug()
     scene.bed.graph.start_manager()
-    scene.bed.microphone()
+    scene.plug_in()
     scene.client.wait_added(scene.plugin.path(), 2)
     scene.plugin.wait_call("init", 2, timeout=20, source=SYSTEM_NODE)
     instance = scene.plugin.instance_on(SYSTEM_NODE)
