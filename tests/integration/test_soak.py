@@ -205,7 +205,7 @@ class Soak:
 @pytest.mark.seconds(180 + 1.5 * SECONDS)
 def test_nothing_grows_and_no_event_is_lost_with_32_microphones(own_bed):
     soak = Soak(own_bed)
-    # What is allocated once is allocated now: the longest lists of the session, and the second of everything.
+    # What is allocated once and kept is allocated now.
     soak.run(min(60, max(10, SECONDS / 10)))
     soak.rest()
     before = soak.daemon.descriptors(), soak.daemon.threads(), len(soak.client.managed_objects())

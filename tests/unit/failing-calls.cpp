@@ -196,8 +196,8 @@ HS_WRAP(int, -EIO, pw_stream_connect,
 	 uint32_t n_params),
 	(stream, direction, target, flags, params, n_params))
 HS_WRAP(int, -EIO, pw_stream_disconnect, (pw_stream * stream), (stream))
-HS_WRAP(pw_stream *, (pw_properties_free(props), nullptr), pw_stream_new, (pw_core * core, const char *name, pw_properties *props),
-	(core, name, props))
+HS_WRAP(pw_stream *, (pw_properties_free(props), nullptr), pw_stream_new,
+	(pw_core * core, const char *name, pw_properties *props), (core, name, props))
 HS_WRAP(int, -EIO, pw_stream_set_active, (pw_stream * stream, bool active), (stream, active))
 
 namespace {

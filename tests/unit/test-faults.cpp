@@ -326,13 +326,13 @@ private:
 	{
 		const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{20};
 		pw_loop *pw = pw_main_loop_get_loop(loop->main_loop);
-		while (true) {
+		while (is_running()) {
 			pw_loop_iterate(pw, 0);
 			for (sd_bus *bus_of_ours : {client.get(), peers[0].get(), peers[1].get()}) {
 				while (bus_of_ours && sd_bus_process(bus_of_ours, nullptr) > 0)
 					continue;
 			}
-			if (done() || !is_running())
+			if (done())
 				return;
 			if (std::chrono::steady_clock::now() > deadline) {
 				troubles.push_back("waited in vain: " + what);
