@@ -144,16 +144,18 @@ constexpr int peek_offset = INT_MAX;
 
 void restart_count(const bus_event_data *data)
 {
-	if (setsockopt(data->io->fd, SOL_SOCKET, SO_PEEK_OFF, &peek_offset, sizeof(peek_offset)) < 0)
+	/* Emulators of other processors have no such counter. */
+	if (setsockopt(data->io->fd, SOL_SOCKET, SO_PEEK_OFF, &peek_offset, sizeof(peek_offset)) < 0 &&
+	    errno != ENOPROTOOPT)
 		pw_log_warn("Could not count what is read from private bus %p: %m", static_cast<void *>(data->bus));
 }
 
-/** Bytes that were read since the count was restarted. */
+/** Bytes that were read since the count was restarted; none where nothing can be counted. */
 uint64_t count_read(const bus_event_data *data)
 {
 	int offset = peek_offset;
 	socklen_t size = sizeof(offset);
-	if (getsockopt(data->io->fd, SOL_SOCKET, SO_PEEK_OFF, &offset, &size) < 0)
+	if (getsockopt(data->io->fd, SOL_SOCKET, SO_PEEK_OFF, &offset, &size) < 0 || offset < 0)
 		return 0;
 	return static_cast<uint64_t>(peek_offset - offset);
 }
