@@ -13,6 +13,7 @@ usage()
 	the line "N passed, N failed".
 
 	  (nothing)   with g++, optimised, all tests; nodes, audio and shutdown under valgrind;
+	              with nothing that can be left out, the unit tests;
 	              with clang, AddressSanitizer and UndefinedBehaviorSanitizer, all tests, and 20 seconds of
 	              invented input for every parser
 	  --quick     one plain build with g++ and all tests
@@ -103,7 +104,7 @@ build()
 	built=false
 	if [[ ! -f $folder/build.ninja ]]; then
 		rm -rf -- "$folder"
-		meson setup --prefix=/usr -D{loudness,voice,alarm,vamp,hs_plugin,hsctl,man,systemd}=enabled "$@" "$folder" . >"$work/setup.log" 2>&1 || {
+		meson setup --prefix=/usr -Dauto_features=enabled "$@" "$folder" . >"$work/setup.log" 2>&1 || {
 			tail -n 25 "$work/setup.log"
 			add 0 1 0
 			return
@@ -197,6 +198,9 @@ else
 	timed 'Building with g++, optimised' build build-test-gcc -Doptimization=2 -Ddebug=true -Db_ndebug=true -Dbench=true
 	timed 'Unit tests' unit_tests build-test-gcc
 	timed 'Integration tests' integration_tests build-test-gcc integration -n 2 tests/integration
+
+	timed 'Building with nothing that can be left out' build build-test-least -Doptimization=0 -Dauto_features=disabled
+	timed 'Unit tests of that' unit_tests build-test-least
 
 	timed 'Figures of the plug-ins, shortened' figures build-test-gcc alarm voice
 
