@@ -33,13 +33,13 @@ def cases(path):
 def of_meson(testlog, reports):
     for line in pathlib.Path(testlog).read_text(encoding="utf-8").splitlines():
         test = json.loads(line)
-        program = pathlib.Path(test["command"][0])
-        report = pathlib.Path(reports) / (program.name + ".xml")
         found = []
-        try:
-            found = list(cases(report))
-        except (OSError, xml.etree.ElementTree.ParseError):
-            pass
+        # An emulator comes before the program.
+        for word in test["command"][:2]:
+            try:
+                found = found or list(cases(pathlib.Path(reports) / (pathlib.Path(word).name + ".xml")))
+            except (OSError, xml.etree.ElementTree.ParseError):
+                pass
         yield from found
         result = test["result"]
         if result in ("OK", "EXPECTEDFAIL"):
