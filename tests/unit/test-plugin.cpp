@@ -482,10 +482,9 @@ TEST(Plugin, NotificationFetchesTheEventWithoutForce)
 	ASSERT_TRUE(motion.ok);
 	hs_handmade_plugin &made = *bed.host.plugins[0];
 
-	hs_properties_ptr events(pw_properties_new("B", "{ \"title\": \"B\", \"value\": \"0\" }", nullptr));
 	hs_pcm pcm{};
 	hs_source source{};
-	source.events = events.get();
+	source.events = {{"B", hs_schema_type_by_name("int32"), "", "0", 1, {}}};
 	source.interface = motion.interface;
 	source.pcm = &pcm;
 	pcm.source = &source;
@@ -493,8 +492,7 @@ TEST(Plugin, NotificationFetchesTheEventWithoutForce)
 
 	made.interface.notify_event(motion.interface, 1);
 	EXPECT_EQ(made.calls, std::vector<std::string>{"get_event"});
-	const hs_properties_ptr entry(pw_properties_new_string(pw_properties_get(events.get(), "B")));
-	EXPECT_STREQ(pw_properties_get(entry.get(), "value"), "2");
+	EXPECT_EQ(source.events[0].value, "2");
 }
 
 TEST(Plugin, NotificationFromWithinGetEventIsDropped)
@@ -503,10 +501,8 @@ TEST(Plugin, NotificationFromWithinGetEventIsDropped)
 	bed.host.prepare = [](hs_handmade_plugin &p) { p.events = {hs_describe_int("A", 1)}; };
 	const loaded motion(bed.add_plugin("motion"));
 	hs_handmade_plugin &made = *bed.host.plugins[0];
-	hs_properties_ptr events(pw_properties_new(nullptr, nullptr));
 	hs_pcm pcm{};
 	hs_source source{};
-	source.events = events.get();
 	source.interface = motion.interface;
 	source.pcm = &pcm;
 	pcm.source = &source;
