@@ -4,13 +4,14 @@
 one that is not public on a private bus. With a number, changes a setting first.
 
 Usage: listen.py [THRESHOLD]
-When the daemon goes, or does not run yet, waits for the next one. Status: 0 at Ctrl-C, 1 without a bus.
+When the daemon goes, or does not run yet, waits for the next one. Ends at Ctrl-C; status 1 without a bus.
 """
 
 import collections
 import itertools
 import os
 import select
+import signal
 import socket
 import sys
 
@@ -186,14 +187,14 @@ def listen_for_ever(system, threshold):
 
 
 def main():
+    # An exception could come just before a wait that nothing ends.
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
     threshold = float(sys.argv[1]) if len(sys.argv) > 1 else None
     try:
         with open_dbus_connection("SYSTEM", enable_fds=True) as system:
             listen_for_ever(system, threshold)
     except OSError as error:
         sys.exit(f"The system bus is not there: {error}")
-    except KeyboardInterrupt:
-        pass
 
 
 main()

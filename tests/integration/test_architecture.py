@@ -10,7 +10,7 @@ SOURCES = ROOT / "src"
 #: Made by the build.
 GENERATED = {"limits"}
 #: Headers that other headers may include, and the record that everyone from this layer on may reach.
-SHARED_HEADERS = {"owned"}
+SHARED_HEADERS = {"owned", "event"}
 SHARED_RECORD, FIRST_TO_SHARE = "context", "hosting"
 
 

@@ -171,7 +171,7 @@ def test_python_client_goes_on_with_the_next_daemon(hearing, run):
     example.wait_line(f"^plug-in {PLUGIN}$", start=start)
     example.wait_line(f"^{PLUGIN}: Level -", start=start)
     example.process.send_signal(signal.SIGINT)
-    assert example.process.wait() == 0
+    assert example.process.wait() == -signal.SIGINT
     assert example.process.err() == ""
 
 

@@ -22,7 +22,6 @@ RATE = 48000
 MISTAKES = {
     "array_text": ("events", "error", "do not read back"),
     "bad_utf8": ("events", "error", "no UTF-8"),
-    "brace": ("events", "error", "does not read back from the daemon's entry"),
     "bus_name": ("names", "error", "does not fit into paths"),
     "chatty": ("speed", "warning", "a new value"),
     "denormals": ("sounds", "warning", "as long for denormals"),

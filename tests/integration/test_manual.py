@@ -79,7 +79,9 @@ def device(service):
     client = service.clients[0]
     for name in PLUGINS:
         client.wait_added(f"/com/orvel/HearSense/AudioDevice0Input0/Unprocessed/{name.capitalize()}")
-    return service
+    yield service
+    # A page shows how to set this, and other tests share the server.
+    service.graph.set_metadata("virtual_node_connection.AudioDevice0Input0")
 
 
 class Shell:

@@ -120,7 +120,7 @@ bool array_survives(const raw_description &raw, const hs_pod &parsed)
 	return hs_parse_array_count(text, std::strlen(text)) == parsed.n_elements;
 }
 
-/** Whether every member of the object reads back; nothing can be said of a structure's own text. */
+/** Whether the daemon keeps the value as it is: of a setting as an object text, of an event just so. */
 bool entry_survives(topic what, const hs_pod &parsed, bool *is_too_long)
 {
 	const std::string title = parsed.title.value_or("");
@@ -140,9 +140,11 @@ bool entry_survives(topic what, const hs_pod &parsed, bool *is_too_long)
 						  {"complexType", parsed.signature},
 						  {"value", value}});
 	*is_too_long = table->dict.n_items == 0;
+	if (what == topic::event)
+		return !*is_too_long;
 	const hs_properties_ptr entry = hs_props_find(table.get(), title.c_str());
 	const char *kept = entry ? pw_properties_get(entry.get(), "value") : nullptr;
-	return kept && std::string_view(kept) == value && (what == topic::event || hs_settings_value_survives(value));
+	return kept && std::string_view(kept) == value && hs_settings_value_survives(value);
 }
 
 void check_structure(const std::string &who, const raw_description &raw, report *found)
@@ -152,13 +154,19 @@ void check_structure(const std::string &who, const raw_description &raw, report 
 	if (raw.has_empty_member)
 		found->warn(who + " has an empty text as a member: the daemon cannot publish the structure then. Use a "
 				  "word such as \"none\".");
+}
+
+/** Why the daemon does not read the structure; empty where its names are not the reason. */
+std::string mistake_in_names(const raw_description &raw)
+{
 	std::set<std::string> names;
 	for (const std::string &name : raw.member_names) {
 		if (name.empty())
-			found->fail(who + " has a member without a name.");
+			return " has a member without a name.";
 		if (!names.insert(name).second)
-			found->fail(who + " has two members " + name + ".");
+			return " has two members " + name + ".";
 	}
+	return "";
 }
 
 } // namespace
@@ -214,6 +222,17 @@ void check_description(topic what, const raw_description &raw, std::set<std::str
 		found->fail(who + " is called like something of the daemon's own.");
 	if (what == topic::setting && (raw.type == SPA_TYPE_Array || raw.type == SPA_TYPE_Struct))
 		found->fail(who + " is an array or a structure, which only an event can be.");
+}
+
+void check_unreadable(topic what, uint32_t index, const spa_pod *pod, report *found)
+{
+	const raw_description raw = pod && spa_pod_is_object(pod) ? read_raw(pod) : raw_description{};
+	const std::string mistake = mistake_in_names(raw);
+	if (mistake.empty())
+		found->fail(std::string(name_of(what)) + "with index " + std::to_string(index) +
+			    " is not described as the daemon reads it.");
+	else
+		found->fail(name_of(what) + raw.title + mistake);
 }
 
 void check_value(topic what, const raw_description &raw, const hs_pod &parsed, report *found)
@@ -283,8 +302,7 @@ void event_watch::look()
 		const spa_pod *pod = hs_plugin_fetch_event(interface, static_cast<uint32_t>(i), &buffer);
 		const hs_pod_ptr parsed = hs_pod_parse(pod);
 		if (!parsed) {
-			found->fail("The event with index " + std::to_string(i) +
-				    " has no value that the daemon can read.");
+			check_unreadable(topic::event, static_cast<uint32_t>(i), pod, found);
 			continue;
 		}
 		const raw_description raw = read_raw(pod);

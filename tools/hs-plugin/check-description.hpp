@@ -48,6 +48,9 @@ void check_description(topic what, const raw_description &raw, std::set<std::str
 /** Rules for the value: what the daemon keeps and the bus carries. */
 void check_value(topic what, const raw_description &raw, const hs_pod &parsed, report *found);
 
+/** Fails with the reason why the daemon cannot read what the plug-in gave, which may be null. */
+void check_unreadable(topic what, uint32_t index, const spa_pod *pod, report *found);
+
 /** Titles of the instance's events that have a number which is not finite. */
 std::set<std::string> non_finite_events(const host &instance);
 

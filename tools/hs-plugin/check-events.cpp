@@ -35,8 +35,7 @@ void check_one(const host &instance, uint32_t index, std::set<std::string> *keys
 	const spa_pod *pod = hs_plugin_fetch_event(instance.interface(), index, &buffer);
 	const hs_pod_ptr parsed = hs_pod_parse(pod);
 	if (!parsed) {
-		found->fail("The event with index " + std::to_string(index) +
-			    " is not described as the daemon reads it.");
+		check_unreadable(topic::event, index, pod, found);
 		return;
 	}
 	const raw_description raw = read_raw(pod);

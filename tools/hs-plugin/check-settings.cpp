@@ -87,8 +87,7 @@ void check_one(host *instance, uint32_t index, std::set<std::string> *titles, re
 	const spa_pod *pod = hs_plugin_fetch_setting(instance->interface(), index, &buffer);
 	const hs_pod_ptr parsed = hs_pod_parse(pod);
 	if (!parsed) {
-		found->fail("The setting with index " + std::to_string(index) +
-			    " is not described as the daemon reads it.");
+		check_unreadable(topic::setting, index, pod, found);
 		return;
 	}
 	const raw_description raw = read_raw(pod);
