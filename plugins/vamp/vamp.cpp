@@ -196,13 +196,13 @@ private:
 		return number;
 	}
 
-	void check_keys(const spa_dict &config, const Vamp::Plugin::ParameterList &parameters) const
+	void check_keys(const spa_dict &all, const Vamp::Plugin::ParameterList &parameters) const
 	{
 		std::set<std::string> known = {"plugin",   "output", "public", "rate",
 					       "channels", "block",  "step",   "preview"};
 		for (const parameter_info &parameter : parameters)
 			known.insert("parameter." + parameter.identifier);
-		for (const spa_dict_item &item : std::span{config.items, config.n_items}) {
+		for (const spa_dict_item &item : std::span{all.items, all.n_items}) {
 			if (!known.contains(item.key))
 				refuse_config("take out \"" + std::string{item.key} + "\", which is unknown");
 		}

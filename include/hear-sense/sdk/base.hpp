@@ -11,8 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <functional>
-#include <map>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -30,6 +28,7 @@
 
 #include <hear-sense/plugin.h>
 #include <hear-sense/sdk/audio.hpp>
+#include <hear-sense/sdk/config.hpp>
 #include <hear-sense/sdk/table.hpp>
 
 namespace hear_sense {
@@ -92,13 +91,14 @@ inline void write_log(const spa_log *log, spa_log_level level, const spa_log_top
 class plugin_base : public table
 {
 public:
-	explicit plugin_base(const host &from) : table{from.info.topics}, host_info{from.info}, host_log{from.log}
+	explicit plugin_base(const host &from)
+	    : table{from.info.topics}, config{from.info.name + ".conf"}, host_info{from.info}, host_log{from.log}
 	{
 		topic_name = HS_PLUGIN_FACTORY_PREFIX + host_info.name;
 		topic.version = SPA_VERSION_LOG_TOPIC;
 		topic.topic = topic_name.c_str();
 		detail::init_log_topic(host_log, &topic);
-		keep_config(from.config);
+		config.assign(from.config);
 	}
 
 protected:
@@ -125,12 +125,8 @@ protected:
 		return {stream_info->info.position, stream_info->info.channels};
 	}
 
-	/** "plugin.config" of the configuration file: the text of a key, or null. */
-	const char *config(std::string_view key) const
-	{
-		const auto found = config_texts.find(key);
-		return found == config_texts.end() ? nullptr : found->second.c_str();
-	}
+	/** "plugin.config" of the configuration file. */
+	configuration config;
 
 	/** The name that the configuration file has. */
 	const std::string &name() const
@@ -183,19 +179,11 @@ private:
 		    stream.info.channels == 1 ? "" : "s", stream.info.rate, why);
 	}
 
-	void keep_config(const spa_dict *config)
-	{
-		config_texts.clear();
-		for (uint32_t i = 0; config && i < config->n_items; i++)
-			config_texts.emplace(config->items[i].key,
-					     config->items[i].value ? config->items[i].value : "");
-	}
-
 	/*
 	 * What the daemon asks for.
 	 */
 
-	int open(const hs_stream_info &info, const spa_dict *config)
+	int open(const hs_stream_info &info, const spa_dict *new_config)
 	{
 		close();
 		const std::vector<spa_audio_format> &formats = host_info.formats;
@@ -213,7 +201,7 @@ private:
 			refuse(info, "it needs a rate, and from 1 to 64 channels");
 			return -EINVAL;
 		}
-		keep_config(config);
+		config.assign(new_config);
 		/* A copy: the daemon writes a new format into its own before it tells us of it. */
 		stream_info = info;
 		const int result = begin();
@@ -264,7 +252,6 @@ private:
 	spa_log *host_log;
 	std::string topic_name;
 	spa_log_topic topic{};
-	std::map<std::string, std::string, std::less<>> config_texts;
 	std::optional<hs_stream_info> stream_info;
 	size_t block_frames = 0;
 	size_t block_hop = 0;

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,16 +17,6 @@
 #include <hear-sense/sdk/values.hpp>
 
 namespace hear_sense {
-
-namespace detail {
-
-/* Constants: GCC 12 breaks down over calls where these stand. */
-template <number T>
-constexpr T lowest = std::numeric_limits<T>::lowest();
-template <number T>
-constexpr T highest = std::numeric_limits<T>::max();
-
-} // namespace detail
 
 /** How a setting is declared. */
 template <scalar T>

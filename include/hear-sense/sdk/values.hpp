@@ -11,6 +11,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -35,11 +36,17 @@ concept scalar = number<T> || std::same_as<T, bool> || std::same_as<T, std::stri
 /** Longest text that a setting or an event can hold, in bytes. */
 constexpr size_t max_text = 511;
 
+namespace detail {
+
+/* Constants: GCC 12 breaks down over calls where these stand. */
+template <typename T>
+constexpr T lowest = std::numeric_limits<T>::lowest();
+template <typename T>
+constexpr T highest = std::numeric_limits<T>::max();
+
 /*
  * How values look in PODs.
  */
-
-namespace detail {
 
 /** A std::string is handed over as a view, so that telling one takes no memory. */
 template <scalar T>
