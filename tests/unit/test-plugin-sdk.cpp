@@ -9,10 +9,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <new>
 #include <numeric>
+#include <set>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -31,6 +33,7 @@
 
 #include "counting-new.hpp"
 #include "sdk-host.hpp"
+#include "temp-dir.hpp"
 
 namespace {
 
@@ -274,6 +277,34 @@ TEST(PluginSdk, ServesSeveralNamesFromOneLibraryThatUnloadsAgain)
 	EXPECT_EQ(dlopen(SDK_LIBRARY, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD), nullptr);
 }
 
+TEST(PluginSdk, ServesTheNamesOfLinksToOneLibrary)
+{
+	namespace fs = std::filesystem;
+	const hs_temp_dir folder;
+	fs::copy_file(SDK_LINKS_LIBRARY, folder / "libhs-linked.so");
+	for (const char *link : {"libspa-hs-First.so", "libspa-hs-second.so", "libspa-hs-second.so.1", "libother.so"})
+		fs::create_symlink("libhs-linked.so", folder / link);
+	fs::create_symlink("nowhere.so", folder / "libspa-hs-broken.so");
+	hs_write_text(folder / "libspa-hs-other.so", "another library");
+
+	void *library = dlopen((folder / "libspa-hs-second.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+	ASSERT_NE(library, nullptr) << dlerror();
+	const auto enumerate =
+		reinterpret_cast<spa_handle_factory_enum_func_t>(dlsym(library, SPA_HANDLE_FACTORY_ENUM_FUNC_NAME));
+	uint32_t index = 0;
+	std::set<std::string> names;
+	const spa_handle_factory *raw = nullptr;
+	while (enumerate(&raw, &index) == 1) {
+		sdk_host host{*static_cast<const factory *>(raw)};
+		ASSERT_EQ(host.result, 0);
+		EXPECT_STREQ(host.interface->schema, "linked.json");
+		names.insert(raw->name);
+		EXPECT_EQ(raw->name, "hear-sense." + host.setting(0)->title.value());
+	}
+	EXPECT_EQ(names, (std::set<std::string>{"hear-sense.First", "hear-sense.second"}));
+	dlclose(library);
+}
+
 TEST(PluginSdk, TellsTheDaemonOfAPluginThatCanNotBeMade)
 {
 	class broken : public ear
@@ -505,6 +536,60 @@ TEST(PluginSdk, TakesSettingsAndEventsThatAreKnownAtRunTimeOnly)
 	EXPECT_EQ(hosted.plugin->settings_made[2].value(), 7.5F);
 	EXPECT_EQ(hosted->event_text(2), "1.000000");
 	EXPECT_STREQ(hosted->event(5)->signature, "(ddd)");
+}
+
+TEST(PluginSdk, MakesTitlesOfAnyNames)
+{
+	class titled : public plugin
+	{
+	public:
+		explicit titled(const host &from) : plugin{from}
+		{
+			for (const std::string &name : names()) {
+				settings_made.emplace_back(*this,
+							   setting_info<bool>{.title = free_setting_title(name)});
+				events_made.emplace_back(*this, event_info{.title = free_event_title(name)});
+			}
+		}
+
+		static std::vector<std::string> names()
+		{
+			return {"gain",
+				"GAIN",
+				"gain",
+				"3d-effect",
+				"",
+				"\xc3\xa4",
+				"path",
+				"enable_",
+				"Enable",
+				"dataTypes",
+				"nice name",
+				std::string(300, 'x'),
+				std::string(300, 'x')};
+		}
+
+		std::deque<setting<bool>> settings_made;
+		std::deque<event<bool>> events_made;
+
+	private:
+		void process(channels) override
+		{
+		}
+	};
+	sdk_hosted<titled> hosted;
+	ASSERT_EQ(hosted->result, 0);
+	const std::string long_title = "X" + std::string(199, 'x');
+	const std::vector<std::string> settings = {"Gain",	"GAIN_",    "Gain__",	     "_3d_effect", "_",
+						   "__",	"Path_",    "Enable_",	     "Enable__",   "DataTypes",
+						   "Nice_name", long_title, long_title + "_"};
+	const std::vector<std::string> events = {"Gain",      "GAIN",	  "Gain_",	   "_3d_effect", "_",
+						 "__",	      "Path",	  "Enable_",	   "Enable",	 "DataTypes_",
+						 "Nice_name", long_title, long_title + "_"};
+	for (uint32_t i = 0; i < settings.size(); i++) {
+		EXPECT_EQ(hosted->setting(i)->title, settings[i]) << i;
+		EXPECT_EQ(hosted->event(i)->title, events[i]) << i;
+	}
 }
 
 TEST(PluginSdk, RefusesWhatNoClientCouldRead)
@@ -745,6 +830,40 @@ TEST(PluginSdk, TellsOfChangesAndTheDaemonFetchesTheNewValue)
 	hosted->told.clear();
 	hosted->process(planar<float>({{3.0F}}));
 	EXPECT_EQ(hosted->told, std::vector<sdk_told>{expected[8]});
+}
+
+TEST(PluginSdk, CountsWhatHappens)
+{
+	class door : public plugin
+	{
+	public:
+		using plugin::plugin;
+
+		occurrences bell{*this, {.title = "Bell"}};
+		member<float> strength{bell, "Strength"};
+
+	private:
+		void process(channels heard) override
+		{
+			strength.set(heard[0][0]);
+			bell.tell(1.5);
+		}
+	};
+	sdk_hosted<door> hosted;
+	EXPECT_STREQ(hosted->event(0)->signature, "(udd)");
+	ASSERT_EQ(hosted->init(), 0);
+	const auto ring = [](const char *count, const char *time, const char *strength) {
+		return "{\n  \"Count\": \"" + std::string{count} + "\",\n  \"Time\": \"" + time +
+		       "\",\n  \"Strength\": \"" + strength + "\"\n }";
+	};
+	/* The same twice: both are told. */
+	hosted->process(planar<float>({{0.5F}}));
+	hosted->process(planar<float>({{0.5F}}));
+	const std::vector<sdk_told> expected{{0, ring("1", "1.500000", "0.500000")},
+					     {0, ring("2", "1.500000", "0.500000")}};
+	EXPECT_EQ(hosted->told, expected);
+	hosted->deactivate();
+	EXPECT_EQ(hosted->event_text(0), ring("0", "0.000000", "0.000000"));
 }
 
 TEST(PluginSdk, StoresOnlyWhatTheBusCanHold)
@@ -1131,6 +1250,48 @@ TEST(PluginSdkAudio, MakesBlocksThatOverlap)
 		EXPECT_EQ(hosted.plugin->heard[0], expected) << portion;
 		EXPECT_EQ(hosted.plugin->heard[1], expected) << portion;
 	}
+}
+
+TEST(PluginSdkAudio, TellsWhereABlockBeginsAndLiesInMemory)
+{
+	class teller : public plugin
+	{
+	public:
+		using plugin::plugin;
+
+		size_t frames = 0;
+		size_t hop = 0;
+		std::vector<uint64_t> begins;
+
+	private:
+		int start() override
+		{
+			if (frames > 0)
+				hear_in_blocks(frames, hop);
+			return 0;
+		}
+
+		void process(channels heard) override
+		{
+			begins.push_back(block_begin());
+			for (size_t c = 0; c < heard.size(); c++)
+				EXPECT_EQ(block_data()[c], heard[c].data());
+		}
+	};
+	sdk_hosted<teller> hosted;
+	ASSERT_EQ(hosted->init(2), 0);
+	hosted->process(planar<float>({ramp(1500), ramp(1500)}));
+	hosted->process(planar<float>({ramp(10), ramp(10)}));
+	EXPECT_EQ(hosted.plugin->begins, (std::vector<uint64_t>{0, 1024, 1500}));
+
+	hosted.plugin->begins.clear();
+	hosted->deactivate();
+	hosted.plugin->frames = 8;
+	hosted.plugin->hop = 3;
+	ASSERT_EQ(hosted->activate(), 0);
+	hosted->process(planar<float>({ramp(10), ramp(10)}));
+	hosted->process(planar<float>({ramp(7), ramp(7)}));
+	EXPECT_EQ(hosted.plugin->begins, (std::vector<uint64_t>{0, 3, 6, 9}));
 }
 
 TEST(PluginSdkAudio, ForgetsAcrossAPauseWhatWasNotAWholeBlock)

@@ -156,7 +156,23 @@ public:
 		kept_frames = is_exact ? frames - hop : 0;
 		memory.assign(n_channels * block_frames, Sample{0});
 		views.assign(n_channels, {});
+		rows.clear();
+		for (size_t c = 0; c < n_channels; c++)
+			rows.push_back(row(c));
 		n_filled = 0;
+		n_before = 0;
+	}
+
+	/** Where the samples of each channel of a block begin. */
+	const Sample *const *data() const
+	{
+		return rows.data();
+	}
+
+	/** Frames of the stream before the block that `process` hears. */
+	uint64_t begin() const
+	{
+		return n_before;
 	}
 
 	/** Calls `process` with the channels of each block that is complete; takes no memory. */
@@ -179,6 +195,7 @@ public:
 			process(channels{views});
 			for (size_t c = 0; c < views.size(); c++)
 				std::copy_n(row(c) + n_filled - kept_frames, kept_frames, row(c));
+			n_before += n_filled - kept_frames;
 			n_filled = kept_frames;
 		}
 	}
@@ -205,9 +222,11 @@ private:
 	size_t block_frames = 0;
 	size_t kept_frames = 0;
 	size_t n_filled = 0;
+	uint64_t n_before = 0;
 	/** One row of `block_frames` for each channel. */
 	std::vector<Sample> memory;
 	std::vector<std::span<const Sample>> views;
+	std::vector<const Sample *> rows;
 };
 
 } // namespace hear_sense

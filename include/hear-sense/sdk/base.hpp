@@ -36,7 +36,7 @@ namespace hear_sense {
 /** What a plug-in is called, and which audio it takes. */
 struct plugin_info {
 	/** That of its configuration file, without ".conf": letters, digits and "_", no digit first. */
-	std::string name;
+	std::string name{};
 	/** In D-Bus names and paths: `name` but for case. Where empty, `name` with a capital letter first. */
 	std::string interface_name{};
 	/** Files in the schema directory; may be empty. */
@@ -271,6 +271,18 @@ protected:
 
 	/** Hears one block, which is not empty; the samples are gone when it returns. */
 	virtual void process(channels heard) = 0;
+
+	/** For process(): what it hears, as libraries in C take it: where the samples of each channel begin. */
+	const Sample *const *block_data() const
+	{
+		return blocks.data();
+	}
+
+	/** For process(): frames of audio before the block, since start(). */
+	uint64_t block_begin() const
+	{
+		return blocks.begin();
+	}
 
 private:
 	void prepare_blocks(const spa_audio_info_raw &info, size_t frames, size_t hop) override

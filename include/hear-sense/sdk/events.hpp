@@ -315,6 +315,30 @@ private:
 	member<bool> report{*this, "Report"};
 };
 
+/**
+ * The structure of what happens again and again: Count, for no two to be equal, so that each one is published, and
+ * Time, in seconds since the audio began. Other members come after these.
+ */
+class occurrences : public struct_event
+{
+public:
+	occurrences(table &table, event_info info) : struct_event{table, std::move(info)}
+	{
+	}
+
+	/** Notifies of one more; its other members are set before. */
+	void tell(double seconds)
+	{
+		count.set(count.value() + 1);
+		last.set(seconds);
+		notify();
+	}
+
+private:
+	member<uint32_t> count{*this, "Count"};
+	member<double> last{*this, "Time"};
+};
+
 } // namespace hear_sense
 
 #endif /* HEAR_SENSE_SDK_EVENTS_HPP */

@@ -15,8 +15,10 @@
 #ifndef HEAR_SENSE_SDK_TABLE_HPP
 #define HEAR_SENSE_SDK_TABLE_HPP
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <string>
@@ -189,6 +191,27 @@ protected:
 	}
 	virtual ~table() = default;
 
+	/**
+	 * A title for a setting whose name is not known before, such as "3d-effect": "_3d_effect", or one with more "_"
+	 * at its end where that is taken.
+	 */
+	std::string free_setting_title(std::string_view name) const
+	{
+		std::string title = detail::name_for(name);
+		while (is_daemons_setting(title) || has_setting(title))
+			title.push_back('_');
+		return title;
+	}
+
+	/** The same for an event. */
+	std::string free_event_title(std::string_view name) const
+	{
+		std::string title = detail::name_for(name);
+		while (is_daemons_property(title) || has_event(title))
+			title.push_back('_');
+		return title;
+	}
+
 	/** Builds a Struct of names and present values; null where it does not fit the builder. */
 	spa_pod *build_settings(spa_pod_builder *builder) const
 	{
@@ -270,6 +293,38 @@ private:
 		static_cast<void>(state);
 	}
 
+	/** The daemon keeps these beside the settings of the plug-in. */
+	static bool is_daemons_setting(std::string_view title)
+	{
+		constexpr std::string_view all[] = {"enable", "enableevent", "path", "schema"};
+		return std::any_of(std::begin(all), std::end(all),
+				   [&](std::string_view own) { return detail::same_but_for_case(title, own); });
+	}
+
+	bool has_setting(std::string_view title) const
+	{
+		return std::any_of(all_settings.begin(), all_settings.end(), [&](const setting_base *other) {
+			return detail::same_but_for_case(title, other->title());
+		});
+	}
+
+	/** The daemon has properties of these names beside the value. */
+	static bool is_daemons_property(std::string_view title)
+	{
+		constexpr std::string_view all[] = {
+			"DataTypes",	  "EnableEvent",     "EventName",	"NiceName",	  "Source",
+			"Topic0Name",	  "Topic0Namespace", "Topic0NiceName",	"Topic1Name",	  "Topic1Namespace",
+			"Topic1NiceName", "Topic2Name",	     "Topic2Namespace", "Topic2NiceName", "isApplicationData",
+			"isDeprecated",	  "isPropertyState"};
+		return std::find(std::begin(all), std::end(all), title) != std::end(all);
+	}
+
+	bool has_event(std::string_view title) const
+	{
+		return std::any_of(all_events.begin(), all_events.end(),
+				   [&](const event_base *other) { return title == other->title(); });
+	}
+
 	void check_open(std::string_view title) const
 	{
 		if (listener)
@@ -280,33 +335,20 @@ private:
 	{
 		const std::string &title = setting->title();
 		check_open(title);
-		/* The daemon keeps these beside the settings of the plug-in. */
-		for (const char *own : {"enable", "enableevent", "path", "schema"}) {
-			if (detail::same_but_for_case(title, own))
-				detail::refuse(title, "is a setting of the daemon's own");
-		}
-		for (const setting_base *other : all_settings) {
-			if (detail::same_but_for_case(title, other->title()))
-				detail::refuse(title, "is the title of another setting, but for case");
-		}
+		if (is_daemons_setting(title))
+			detail::refuse(title, "is a setting of the daemon's own");
+		if (has_setting(title))
+			detail::refuse(title, "is the title of another setting, but for case");
 		all_settings.push_back(setting);
 	}
 
 	uint32_t add(event_base *event)
 	{
 		check_open(event->title());
-		/* The daemon has properties of these names beside the value. */
-		for (const char *own :
-		     {"DataTypes", "EnableEvent", "EventName", "NiceName", "Source", "Topic0Name", "Topic0Namespace",
-		      "Topic0NiceName", "Topic1Name", "Topic1Namespace", "Topic1NiceName", "Topic2Name",
-		      "Topic2Namespace", "Topic2NiceName", "isApplicationData", "isDeprecated", "isPropertyState"}) {
-			if (event->title() == own)
-				detail::refuse(event->title(), "is a property of the daemon's own");
-		}
-		for (const event_base *other : all_events) {
-			if (event->title() == other->title())
-				detail::refuse(event->title(), "is the title of another event");
-		}
+		if (is_daemons_property(event->title()))
+			detail::refuse(event->title(), "is a property of the daemon's own");
+		if (has_event(event->title()))
+			detail::refuse(event->title(), "is the title of another event");
 		all_events.push_back(event);
 		return static_cast<uint32_t>(all_events.size() - 1);
 	}

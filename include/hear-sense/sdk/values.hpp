@@ -180,11 +180,29 @@ inline bool is_letter(char c)
 	return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
 }
 
+inline bool is_digit(char c)
+{
+	return c >= '0' && c <= '9';
+}
+
 /** A D-Bus member name: letters, digits and "_", no digit first, 255 characters at most. */
 inline bool is_name(std::string_view text)
 {
 	return !text.empty() && text.size() <= 255 && is_letter(text.front()) &&
-	       std::all_of(text.begin(), text.end(), [](char c) { return is_letter(c) || (c >= '0' && c <= '9'); });
+	       std::all_of(text.begin(), text.end(), [](char c) { return is_letter(c) || is_digit(c); });
+}
+
+/** A D-Bus member name for any text: a capital letter first, "_" for what is no letter or digit. */
+inline std::string name_for(std::string_view text)
+{
+	constexpr size_t longest = 200;
+	std::string name{text.substr(0, longest)};
+	for (char &c : name)
+		c = is_letter(c) || is_digit(c) ? c : '_';
+	if (name.empty() || is_digit(name.front()))
+		name.insert(0, "_");
+	name.front() = static_cast<char>(std::toupper(static_cast<unsigned char>(name.front())));
+	return name;
 }
 
 /** Settings that differ in case only would share their place in the settings file. */
