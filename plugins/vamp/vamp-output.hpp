@@ -9,8 +9,8 @@
 
 #include <cmath>
 #include <deque>
-#include <optional>
 #include <string>
+#include <variant>
 
 #include <hear-sense/plugin.hpp>
 #include <vamp-hostsdk/vamp-hostsdk.h>
@@ -39,69 +39,69 @@ struct vamp_shape {
 	bool is_whole;
 };
 
-/** The event of an output. */
-class vamp_output
+/** The event of an output of things that happen. */
+class vamp_structure final : public hear_sense::occurrences
 {
 public:
-	vamp_output(hear_sense::table &owner, const hear_sense::event_info &info, const vamp_shape &shape)
+	vamp_structure(hear_sense::table &table, const hear_sense::event_info &info, size_t n_values)
+	    : occurrences{table, info}
 	{
-		if (!shape.is_structure && shape.n_values > 1)
-			array.emplace(owner, info, shape.n_values);
-		else if (!shape.is_structure && shape.is_whole)
-			whole.emplace(owner, info);
-		else if (!shape.is_structure)
-			number.emplace(owner, info);
-		else
-			add_structure(owner, info, shape);
+		for (size_t i = 1; i <= n_values; i++)
+			values.emplace_back(*this, n_values == 1 ? "Value" : "Value" + std::to_string(i));
 	}
 
-	/** The feature has all values of the shape; `time` is since the audio began. */
 	void tell(const Vamp::Plugin::Feature &feature, const Vamp::RealTime &time)
 	{
-		if (structure)
-			tell_structure(feature, time);
-		else if (array)
-			array->tell(feature.values);
-		else if (number)
-			number->tell(feature.values[0]);
-		else if (std::abs(feature.values[0]) < 2147483648.0F)
-			whole->tell(static_cast<int32_t>(std::lround(feature.values[0])));
+		const Vamp::RealTime second{1, 0};
+		duration.set(feature.hasDuration ? feature.duration / second : 0.0);
+		label.set(feature.label);
+		for (size_t i = 0; i < values.size(); i++)
+			values[i].set(feature.values[i]);
+		occurrences::tell(time / second);
 	}
 
 private:
-	void add_structure(hear_sense::table &owner, const hear_sense::event_info &info, const vamp_shape &shape)
-	{
-		structure.emplace(owner, info);
-		count.emplace(*structure, "Count");
-		last.emplace(*structure, "Time");
-		duration.emplace(*structure, "Duration");
-		label.emplace(*structure, "Label");
-		for (size_t i = 1; i <= shape.n_values; i++)
-			values.emplace_back(*structure, shape.n_values == 1 ? "Value" : "Value" + std::to_string(i));
-	}
-
-	void tell_structure(const Vamp::Plugin::Feature &feature, const Vamp::RealTime &time)
-	{
-		const Vamp::RealTime second{1, 0};
-		count->set(count->value() + 1);
-		last->set(time / second);
-		duration->set(feature.hasDuration ? feature.duration / second : 0.0);
-		label->set(feature.label);
-		for (size_t i = 0; i < values.size(); i++)
-			values[i].set(feature.values[i]);
-		structure->notify();
-	}
-
-	/* One of these four. */
-	std::optional<hear_sense::array_event<float>> array;
-	std::optional<hear_sense::event<int32_t>> whole;
-	std::optional<hear_sense::event<float>> number;
-	std::optional<hear_sense::struct_event> structure;
-
-	/* Of the structure. */
-	std::optional<hear_sense::member<uint32_t>> count;
-	std::optional<hear_sense::member<double>> last;
-	std::optional<hear_sense::member<double>> duration;
-	std::optional<hear_sense::member<std::string>> label;
+	hear_sense::member<double> duration{*this, "Duration"};
+	hear_sense::member<std::string> label{*this, "Label"};
 	std::deque<hear_sense::member<float>> values;
+};
+
+/** The event of any output. */
+class vamp_output
+{
+public:
+	vamp_output(hear_sense::table &table, const hear_sense::event_info &info, const vamp_shape &from) : shape{from}
+	{
+		if (shape.is_structure)
+			event.emplace<vamp_structure>(table, info, shape.n_values);
+		else if (shape.n_values > 1)
+			event.emplace<hear_sense::array_event<float>>(table, info, shape.n_values);
+		else if (shape.is_whole)
+			event.emplace<hear_sense::event<int32_t>>(table, info);
+		else
+			event.emplace<hear_sense::event<float>>(table, info);
+	}
+
+	/** Leaves out a feature with too few values; `time` is since the audio began. */
+	void tell(const Vamp::Plugin::Feature &feature, const Vamp::RealTime &time)
+	{
+		if (feature.values.size() < shape.n_values)
+			return;
+		if (auto *structure = std::get_if<vamp_structure>(&event))
+			structure->tell(feature, time);
+		else if (auto *array = std::get_if<hear_sense::array_event<float>>(&event))
+			array->tell(feature.values);
+		else if (auto *number = std::get_if<hear_sense::event<float>>(&event))
+			number->tell(feature.values[0]);
+		else if (std::abs(feature.values[0]) < 2147483648.0F)
+			std::get<hear_sense::event<int32_t>>(event).tell(
+				static_cast<int32_t>(std::lround(feature.values[0])));
+	}
+
+	const vamp_shape shape;
+
+private:
+	std::variant<std::monostate, vamp_structure, hear_sense::array_event<float>, hear_sense::event<int32_t>,
+		     hear_sense::event<float>>
+		event;
 };
