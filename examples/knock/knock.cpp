@@ -7,8 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstdint>
 #include <optional>
+
+#include <hear-sense/sdk/hold.hpp>
 
 namespace {
 
@@ -30,7 +31,7 @@ private:
 			return refuse(-EINVAL, "set audio.rate to 8000 or more in knock.conf");
 		hear_in_blocks(stream().info.rate / 100);
 		background.reset();
-		blocks_since_knock = UINT32_MAX;
+		shown = {};
 		return 0;
 	}
 
@@ -39,13 +40,10 @@ private:
 		const double now = level_of(heard);
 		if (!background)
 			background = now;
-		if (now > *background + rise.value()) {
-			blocks_since_knock = 0;
+		const bool is_knock = now > *background + rise.value();
+		if (is_knock)
 			level.tell(std::round(now));
-		} else if (blocks_since_knock < UINT32_MAX) {
-			blocks_since_knock++;
-		}
-		detected.tell(blocks_since_knock * block_time < hold_time.value());
+		detected.tell(shown.update(is_knock, block_time, hold_time.value()));
 		/* It follows within a second or so, and hardly heeds anything as short as a knock. */
 		*background += (now - *background) * block_time;
 	}
@@ -92,7 +90,7 @@ private:
 
 	/** Level in dBFS; nothing before the first block. */
 	std::optional<double> background;
-	uint32_t blocks_since_knock = UINT32_MAX;
+	hear_sense::hold shown;
 };
 
 } // namespace
