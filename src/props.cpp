@@ -47,10 +47,7 @@ const spa_dict_item *find_item(const pw_properties *table, const char *title)
 	if (!table)
 		return nullptr;
 
-	/* Events are kept under their titles: they need no walk, which parses what it passes. */
-	const spa_dict_item *item = title ? spa_dict_lookup_item(&table->dict, title) : nullptr;
-	if (item && is_titled(item->value, title))
-		return item;
+	const spa_dict_item *item;
 	spa_dict_for_each(item, &table->dict) {
 		if (is_titled(item->value, title))
 			return item;
