@@ -127,6 +127,16 @@ int __wrap_snprintf(char *buffer, size_t size, const char *format, ...)
 	return length;
 }
 
+/* What snprintf() is called with _FORTIFY_SOURCE. */
+int __wrap___snprintf_chk(char *buffer, size_t size, int, size_t, const char *format, ...)
+{
+	va_list arguments;
+	va_start(arguments, format);
+	const int length = hs_must_fail("snprintf") ? -1 : std::vsnprintf(buffer, size, format, arguments);
+	va_end(arguments);
+	return length;
+}
+
 char *__wrap_strdup(const char *text)
 {
 	return hs_must_fail("strdup") ? nullptr : __real_strdup(text);
