@@ -31,6 +31,9 @@ namespace {
 /** Largest value that a description may have, in bytes. */
 constexpr uint32_t max_value_size = 0xfffff;
 
+/** Of a structure's member: with every character escaped it is still a key that a table takes. */
+constexpr size_t max_name_size = 128;
+
 using digits = decltype(hs_pod_scalar::digits);
 
 struct description {
@@ -278,7 +281,7 @@ bool parse_array(hs_pod *pod, const spa_pod *value)
 
 /**
  * Adds one line to `json`, one code to `signature` and the name to `names`; either POD may be null. A name that
- * is empty or there already is none: one line would stand for two codes.
+ * is empty, too long or there already is none: one line would stand for two codes, or none for one.
  */
 bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json, hs_text_writer *signature,
 		  std::vector<std::string> *names)
@@ -293,8 +296,10 @@ bool parse_member(const spa_pod *key, const spa_pod *value, hs_text_writer *json
 
 	std::string copy;
 	const char *valid_name = valid_text(name, &copy);
-	if (*valid_name == '\0' || std::find(names->begin(), names->end(), valid_name) != names->end()) {
-		pw_log_warn("Member name '%s' is empty or there twice.", name);
+	const size_t length = std::strlen(valid_name);
+	if (length == 0 || length > max_name_size ||
+	    std::find(names->begin(), names->end(), valid_name) != names->end()) {
+		pw_log_warn("Member name '%s' is empty, too long or there twice.", name);
 		return false;
 	}
 	names->emplace_back(valid_name);

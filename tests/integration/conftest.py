@@ -28,8 +28,22 @@ def pytest_configure(config):
     if wrapper is not None:
         os.environ["HS_TEST_WRAPPER"] = wrapper
     config.addinivalue_line("markers", "seconds(limit): how long the test may take")
+    config.addinivalue_line("markers", "plain: takes away what a sanitizer or valgrind itself needs, so not with these")
     if "HS_BUILD_DIR" not in os.environ:
         raise pytest.UsageError("set HS_BUILD_DIR to the build directory")
+
+
+def is_plain_daemon():
+    program = pathlib.Path(os.environ["HS_BUILD_DIR"]) / "src/hear-sense"
+    return "HS_TEST_WRAPPER" not in os.environ and b"__asan_init" not in program.read_bytes()
+
+
+def pytest_collection_modifyitems(config, items):
+    if is_plain_daemon():
+        return
+    left_out = [item for item in items if item.get_closest_marker("plain")]
+    config.hook.pytest_deselected(items=left_out)
+    items[:] = [item for item in items if item not in left_out]
 
 
 @pytest.hookimpl(hookwrapper=True)

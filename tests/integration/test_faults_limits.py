@@ -22,11 +22,6 @@ def limited(*limits):
     return ["prlimit", *limits, "--"]
 
 
-def is_sanitized(build):
-    program = build / "src/hear-sense"
-    return b"__asan_init" in program.read_bytes()
-
-
 @pytest.fixture
 def cramped(bed):
     """A daemon that has 32 descriptors, of which private buses take all that they can get."""
@@ -84,10 +79,9 @@ def test_without_a_descriptor_for_a_new_microphone_the_daemon_ends_with_one_erro
     assert sockets
 
 
-def test_with_too_few_descriptors_to_start_with_it_ends_with_an_error(bed, build):
+@pytest.mark.plain
+def test_with_too_few_descriptors_to_start_with_it_ends_with_an_error(bed):
     """Too few for the bus, for PipeWire or for the loop, whichever comes first."""
-    if is_sanitized(build) or "HS_TEST_WRAPPER" in os.environ:
-        pytest.xfail("a sanitizer or valgrind needs descriptors of its own")
     bed.plugin(enabled=True, events=[event("Speech")])
     for limit in (4, 6, 8, 10, 12):
         daemon = bed.spawn(wrapper=limited(f"--nofile={limit}:{limit}"))
@@ -96,10 +90,9 @@ def test_with_too_few_descriptors_to_start_with_it_ends_with_an_error(bed, build
         assert daemon.log_count("[E]") >= 1
 
 
+@pytest.mark.plain
 @pytest.mark.seconds(120)
-def test_with_too_little_memory_it_serves_or_says_so_and_its_files_are_whole(bed, build):
-    if is_sanitized(build) or "HS_TEST_WRAPPER" in os.environ:
-        pytest.xfail("a sanitizer or valgrind needs terabytes of its own")
+def test_with_too_little_memory_it_serves_or_says_so_and_its_files_are_whole(bed):
     bed.stage.grant_everything()
     plugin = bed.plugin(enabled=True, settings=[setting("Gain", "int32", 1)], events=[event("Speech")])
     bed.quiet_microphone()

@@ -184,8 +184,8 @@ def wait_read(sock):
 def test_clients_whose_messages_never_end_are_dropped_before_they_cost_much(bed, hearing, main):
     plugin, daemon, client = hearing
     before = daemon.memory()
-    part = b"x" * 65536
-    endless = [begin_message(main, 4 * 1024 * 1024) for _ in range(60)]
+    part = b"x" * 131072
+    endless = [begin_message(main, 16 * 1024 * 1024) for _ in range(40)]
     sent = 0
     # In turn, so that all have sent much when the first is dropped.
     while True:
@@ -197,17 +197,19 @@ def test_clients_whose_messages_never_end_are_dropped_before_they_cost_much(bed,
             break
         sent += len(part)
         assert sent <= 2 * 1024 * 1024
-    daemon.assert_grown_by_less(before, 2 * 60 * 1024)
+    daemon.assert_grown_by_less(before, 2 * len(endless) * 1024)
     for sock in endless:
         with pytest.raises((BrokenPipeError, ConnectionResetError)):
-            for _ in range(8):
+            # One that writes as fast as the daemon reads is not looked at in between.
+            for _ in range(100):
                 wait_read(sock)
                 sock.sendall(part)
         sock.close()
     wait_until(lambda: daemon.log_count("Destroy bus event data: ") == len(endless), "all to be dropped")
-    lines = daemon.log_lines("its client has sent more than a megabyte, and no valid message")
+    # On a slow machine the ten seconds that a message may take are over before.
+    lines = daemon.log_lines(", and no valid message")
     assert len(lines) == len(endless)
-    assert f"of user {os.getuid()}" in lines[0]
+    assert any(f"of user {os.getuid()}: its client has sent more than a megabyte" in line for line in lines)
     assert_hears(bed, plugin, client, True)
     daemon.assert_grown_by_less(before, 32 * 1024)
 

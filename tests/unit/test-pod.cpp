@@ -673,16 +673,16 @@ TEST(PodParse, AMemberWhoseNameIsNoStringIsRefusedWithBothWarnings)
 	EXPECT_EQ(log.lines()[1].text, "Could not parse struct POD type for 14.");
 }
 
-TEST(PodParse, MemberNamesThatAreEmptyOrThereTwiceAreRefused)
+TEST(PodParse, MemberNamesThatAreEmptyTooLongOrThereTwiceAreRefused)
 {
-	for (const char *name : {"", "a"}) {
+	for (const std::string &name : {std::string{}, std::string{"a"}, std::string(129, 'x')}) {
 		pod_buffer buffer;
 		buffer.describe();
 		spa_pod_frame frame;
 		spa_pod_builder_push_struct(&buffer.builder, &frame);
 		spa_pod_builder_string(&buffer.builder, "a");
 		spa_pod_builder_int(&buffer.builder, 1);
-		spa_pod_builder_string(&buffer.builder, name);
+		spa_pod_builder_string(&buffer.builder, name.c_str());
 		spa_pod_builder_string(&buffer.builder, "text");
 		spa_pod_builder_pop(&buffer.builder, &frame);
 		buffer.finish();
@@ -690,7 +690,7 @@ TEST(PodParse, MemberNamesThatAreEmptyOrThereTwiceAreRefused)
 		const hs_log_capture log;
 		EXPECT_EQ(hs_pod_parse(buffer.pod()), nullptr) << name;
 		ASSERT_EQ(log.lines().size(), 2u) << log.text();
-		EXPECT_EQ(log.lines()[0].text, "Member name '" + std::string{name} + "' is empty or there twice.");
+		EXPECT_EQ(log.lines()[0].text, "Member name '" + name + "' is empty, too long or there twice.");
 		EXPECT_EQ(log.lines()[1].text, "Could not parse struct POD type for 14.");
 	}
 }
