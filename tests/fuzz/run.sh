@@ -18,6 +18,7 @@ usage()
 
 	  --build=FOLDER  builds there instead of in build-fuzz
 	  --jobs=N        runs N at a time
+	  --seed=N        invents the same inputs at each run from the same beginning
 	  --minimise      afterwards adds $added_at_a_time small inputs that reach something new to each folder of tests/fuzz/corpus
 	  --list          prints the targets
 	  --help          shows this
@@ -37,12 +38,14 @@ stopped=72
 
 build=$source_root/build-fuzz
 jobs=$default_jobs
+seed=0
 minimise=false
 declare -a targets=()
 for argument; do
 	case $argument in
 	--build=*) build=$(realpath -m -- "${argument#*=}") ;;
 	--jobs=*) jobs=${argument#*=} ;;
+	--seed=*) seed=${argument#*=} ;;
 	--minimise) minimise=true ;;
 	--list) ls -- "$here/corpus" && exit 0 ;;
 	-h | --help) usage && exit 0 ;;
@@ -92,7 +95,7 @@ processor_seconds()
 fuzz()
 {
 	local target=$1 folder=$build/fuzz/$1 used=0 now dictionary=$here/dict/$1.dict log status=0
-	local -a options=(-print_final_stats=1 -timeout=20 -rss_limit_mb=2048 -max_len="$largest_input")
+	local -a options=(-print_final_stats=1 -timeout=20 -rss_limit_mb=2048 -max_len="$largest_input" -seed="$seed")
 	log=$folder.log
 	[[ -f $dictionary ]] || dictionary=$here/dict/json.dict
 	mkdir -p -- "$folder" "$folder.found"
