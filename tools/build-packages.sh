@@ -73,7 +73,7 @@ apt-get install -y --no-install-recommends lintian "${cross[@]}"
 apt-get "${dependencies[@]}" -y --no-install-recommends ./
 
 echo "==> Building the packages for $architecture"
-DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:-} parallel=$jobs" dpkg-buildpackage "${options[@]}"
+DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:+$DEB_BUILD_OPTIONS }parallel=$jobs" dpkg-buildpackage "${options[@]}"
 
 echo '==> Checking them'
 cp ../*.deb ../*.buildinfo ../*.changes /build/results
