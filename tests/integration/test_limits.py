@@ -185,7 +185,7 @@ def test_clients_whose_messages_never_end_are_dropped_before_they_cost_much(bed,
     plugin, daemon, client = hearing
     before = daemon.memory()
     part = b"x" * 131072
-    endless = [begin_message(main, 16 * 1024 * 1024) for _ in range(40)]
+    endless = [begin_message(main, 8 * 1024 * 1024) for _ in range(40)]
     sent = 0
     # In turn, so that all have sent much when the first is dropped.
     while True:
@@ -201,7 +201,7 @@ def test_clients_whose_messages_never_end_are_dropped_before_they_cost_much(bed,
     for sock in endless:
         with pytest.raises((BrokenPipeError, ConnectionResetError)):
             # One that writes as fast as the daemon reads is not looked at in between.
-            for _ in range(100):
+            for _ in range(50):
                 wait_read(sock)
                 sock.sendall(part)
         sock.close()
