@@ -9,7 +9,6 @@
 #include "context.hpp"
 #include "dbus.hpp"
 #include "plugin.hpp"
-#include "props.hpp"
 #include "source-settings.hpp"
 #include "source.hpp"
 

@@ -21,7 +21,6 @@
 #include "plugin.hpp"
 #include "pod.hpp"
 #include "private-bus.hpp"
-#include "props.hpp"
 #include "refcount.hpp"
 #include "source.hpp"
 
