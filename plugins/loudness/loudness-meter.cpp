@@ -42,6 +42,32 @@ double to_dbfs(double amplitude)
 	return at_least(loudness_floor_dbfs, 20.0 * std::log10(amplitude));
 }
 
+struct extent {
+	float peak = 0.0F;
+	double square_sum = 0.0;
+};
+
+/** Eight peaks and sums side by side: in a single one, each sample would wait for the last. */
+extent extent_of(std::span<const float> samples)
+{
+	constexpr size_t width = 8;
+	std::array<float, width> peaks{};
+	std::array<double, width> sums{};
+	const auto hear = [&](size_t lane, float sample) {
+		peaks[lane] = std::max(peaks[lane], std::abs(sample));
+		sums[lane] += static_cast<double>(sample) * sample;
+	};
+	size_t i = 0;
+	for (; i + width <= samples.size(); i += width) {
+		for (size_t lane = 0; lane < width; lane++)
+			hear(lane, samples[i + lane]);
+	}
+	for (; i < samples.size(); i++)
+		hear(0, samples[i]);
+	return {.peak = *std::max_element(peaks.begin(), peaks.end()),
+		.square_sum = std::accumulate(sums.begin(), sums.end(), 0.0)};
+}
+
 double loudness_of(std::span<const double> powers)
 {
 	const double sum = std::accumulate(powers.begin(), powers.end(), 0.0);
@@ -59,7 +85,8 @@ std::unique_ptr<loudness_meter> loudness_meter::create(uint32_t rate, std::span<
 	meter->state.reset(ebur128_init(static_cast<unsigned int>(positions.size()), rate, EBUR128_MODE_M));
 	if (!meter->state)
 		return nullptr;
-	meter->block = std::make_unique<float[]>(meter->look_frames() * positions.size());
+	if (positions.size() > 1)
+		meter->block = std::make_unique<float[]>(meter->look_frames() * positions.size());
 	const auto is_side = [](uint32_t position) { return is_among(sides, position); };
 	const bool has_sides = std::any_of(positions.begin(), positions.end(), is_side);
 	/* A lone channel is the whole sound, whatever place it is said to have. */
@@ -69,19 +96,25 @@ std::unique_ptr<loudness_meter> loudness_meter::create(uint32_t rate, std::span<
 	return meter;
 }
 
+const float *loudness_meter::interleave(std::span<const std::span<const float>> channels)
+{
+	for (size_t c = 0; c < channels.size(); c++) {
+		for (size_t frame = 0; frame < look_frames(); frame++)
+			block[frame * channels.size() + c] = channels[c][frame];
+	}
+	return block.get();
+}
+
 loudness_values loudness_meter::look(std::span<const std::span<const float>> channels)
 {
 	const size_t n = look_frames();
-	double peak = 0.0;
-	double square_sum = 0.0;
-	for (size_t c = 0; c < channels.size(); c++) {
-		for (size_t frame = 0; frame < n; frame++) {
-			const double sample = block[frame * channels.size() + c] = channels[c][frame];
-			peak = std::max(peak, std::abs(sample));
-			square_sum += sample * sample;
-		}
+	extent heard;
+	for (const std::span<const float> &samples : channels) {
+		const extent channel = extent_of(samples.first(n));
+		heard.peak = std::max(heard.peak, channel.peak);
+		heard.square_sum += channel.square_sum;
 	}
-	ebur128_add_frames_float(state.get(), block.get(), n);
+	ebur128_add_frames_float(state.get(), channels.size() == 1 ? channels[0].data() : interleave(channels), n);
 
 	double loudness = loudness_floor_lufs;
 	ebur128_loudness_window(state.get(), 100, &loudness);
@@ -90,6 +123,6 @@ loudness_values loudness_meter::look(std::span<const std::span<const float>> cha
 
 	return {.momentary = loudness_of(std::span{powers}.first(4)),
 		.short_term = loudness_of(powers),
-		.peak = to_dbfs(peak),
-		.level = to_dbfs(std::sqrt(square_sum / static_cast<double>(n * channels.size())))};
+		.peak = to_dbfs(heard.peak),
+		.level = to_dbfs(std::sqrt(heard.square_sum / static_cast<double>(n * channels.size())))};
 }

@@ -46,6 +46,8 @@ public:
 	loudness_values look(std::span<const std::span<const float>> channels);
 
 private:
+	const float *interleave(std::span<const std::span<const float>> channels);
+
 	struct destroy {
 		void operator()(ebur128_state *s) const noexcept
 		{
@@ -54,7 +56,7 @@ private:
 	};
 
 	std::unique_ptr<ebur128_state, destroy> state;
-	/** The frames of one look, interleaved. */
+	/** The frames of one look, interleaved; a lone channel needs none. */
 	std::unique_ptr<float[]> block;
 	/** Power of the last 3 s, look by look: to add up their samples again would cost several times as much. */
 	std::array<double, 30> powers{};

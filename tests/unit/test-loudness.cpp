@@ -4,6 +4,7 @@
 #include "loudness-meter.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -242,6 +243,22 @@ TEST(LoudnessMeter, TellsThePeakOfTheLastTenthOnly)
 	EXPECT_NEAR(looks[1].peak, -60.0, 0.01);
 	EXPECT_NEAR(looks[2].peak, -12.04, 0.01);
 	EXPECT_NEAR(looks[3].peak, -60.0, 0.01);
+}
+
+TEST(LoudnessMeter, HearsEverySample)
+{
+	const auto meter = loudness_meter::create(44100, stereo);
+	const size_t n = meter->look_frames();
+	ASSERT_EQ(n % 8, 2U);
+	std::vector<float> silence(n);
+	std::vector<float> click(n);
+	for (const size_t at : {0, 1, 2, 3, 4, 5, 6, 7, 8, 2000, 4406, 4407, 4408, 4409}) {
+		click[at] = -0.5F;
+		const loudness_values look = meter->look(std::array<std::span<const float>, 2>{silence, click});
+		EXPECT_NEAR(look.peak, -6.0206, 1e-4) << at;
+		EXPECT_NEAR(look.level, -6.0206 - 10.0 * std::log10(2.0 * static_cast<double>(n)), 1e-4) << at;
+		click[at] = 0.0F;
+	}
 }
 
 TEST(LoudnessMeter, StopsAtTheFloor)

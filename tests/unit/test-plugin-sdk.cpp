@@ -1022,8 +1022,7 @@ TEST(PluginSdk, SaysWhyItCanNotHear)
 	hosted.plugin->answer = -ERANGE;
 	EXPECT_EQ(hosted->init(2), -ERANGE);
 	ASSERT_EQ(hosted->log.lines.size(), 1U);
-	EXPECT_EQ(hosted->log.lines[0].text,
-		  "cannot hear Mic0 (F32P, 2 channels, 48000 Hz): try another");
+	EXPECT_EQ(hosted->log.lines[0].text, "cannot hear Mic0 (F32P, 2 channels, 48000 Hz): try another");
 	EXPECT_EQ(hosted->activate(), -EINVAL);
 	hosted->process(planar<float>({{1.0F}, {1.0F}}));
 	EXPECT_EQ(hosted.plugin->calls, "<");
@@ -1195,6 +1194,28 @@ TEST(PluginSdkAudio, HandsOverChannelsFromEveryFormat)
 		  (std::vector<std::vector<float>>{{0.0F, 0.0F, 0.0F, 2.0F, -2.0F, 1e-42F}, odd[1]}));
 	EXPECT_EQ(hear(ears_s16, SPA_AUDIO_FORMAT_F32P, planar(odd)),
 		  (std::vector<std::vector<int16_t>>{{0, 0, 0, 32767, -32768, 0}, {32767, -32768, 0, 0, 0, 1}}));
+}
+
+TEST(PluginSdkAudio, SilencesWhatIsNoNumberWhereverItStands)
+{
+	sdk_hosted<ear> hosted;
+	const auto hear = [&](spa_audio_format format, sdk_buffer buffer) {
+		EXPECT_EQ(hosted->init(2, format), 0);
+		hosted.plugin->heard = {{}, {}};
+		hosted->process(buffer);
+		return hosted.plugin->heard;
+	};
+	constexpr size_t n = 21;
+	for (size_t at = 0; at < n; at++) {
+		for (const float no_number : {quiet_nan, infinity, -infinity}) {
+			std::vector<std::vector<float>> channels{ramp(n, 1.0F), ramp(n, 30.0F)};
+			auto expected = channels;
+			channels[1][at] = no_number;
+			expected[1][at] = 0.0F;
+			ASSERT_EQ(hear(SPA_AUDIO_FORMAT_F32P, planar(channels)), expected) << at;
+			ASSERT_EQ(hear(SPA_AUDIO_FORMAT_F32, interleaved(channels)), expected) << at;
+		}
+	}
 }
 
 TEST(PluginSdkAudio, MakesBlocksAsTheBuffersCome)

@@ -90,6 +90,22 @@ To convert(From value)
 	}
 }
 
+/** Silences what is no number; eight at a time, which compilers do side by side. */
+inline void keep_numbers(std::span<float> samples)
+{
+	constexpr size_t width = 8;
+	const auto check = [](float *sample) {
+		*sample = std::abs(*sample) <= std::numeric_limits<float>::max() ? *sample : 0.0F;
+	};
+	size_t i = 0;
+	for (; i + width <= samples.size(); i += width) {
+		for (size_t next = 0; next < width; next++)
+			check(&samples[i + next]);
+	}
+	for (; i < samples.size(); i++)
+		check(&samples[i]);
+}
+
 template <sample From, sample To>
 void copy_samples(const channel_samples &from, size_t frame, std::span<To> to)
 {
@@ -98,6 +114,14 @@ void copy_samples(const channel_samples &from, size_t frame, std::span<To> to)
 		return;
 	}
 	const std::byte *at = from.first + frame * from.step;
+	if constexpr (std::same_as<From, To>) {
+		if (from.step == sizeof(From)) {
+			std::memcpy(to.data(), at, to.size_bytes());
+			if constexpr (std::same_as<To, float>)
+				keep_numbers(to);
+			return;
+		}
+	}
 	for (To &out : to) {
 		From value;
 		std::memcpy(&value, at, sizeof(value));
