@@ -1,10 +1,11 @@
 /* A metrics file that other software has edited. */
 #include "fuzz.hpp"
 
-#include "folder.hpp"
 #include "metrics.hpp"
 #include "plugin.hpp"
 #include "source.hpp"
+
+#include "../unit/temp-dir.hpp"
 
 namespace {
 
@@ -25,7 +26,7 @@ counts counts_of(const hs_metrics *metrics)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-	static const hs_fuzz_folder folder;
+	static const hs_temp_dir folder;
 	const std::string path = folder / "ear_node_source_metrics.json";
 	const std::string_view text{reinterpret_cast<const char *>(data), size};
 
@@ -36,26 +37,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	source.plugin = &plugin;
 
 	hs_metrics_init(folder.path().c_str());
-	hs_fuzz_write(path, text);
+	hs_write_text(path, text);
 	hs_metrics *metrics = hs_metrics_create(HS_METRICS_TYPE_SOURCE, &source);
 	HS_REQUIRE(metrics);
 	hs_metrics_set_active(metrics, true);
 	const counts found = counts_of(metrics);
 	if (text.empty()) {
 		/* What cannot be read is left alone. */
-		HS_REQUIRE(hs_fuzz_read(path).empty());
+		HS_REQUIRE(std::filesystem::exists(path) && hs_read_text(path).empty());
 	} else {
 		/* From now on the file is the daemon's own, and counts go up by one. */
-		const std::string written = hs_fuzz_read(path);
+		const std::string written = hs_read_text(path);
 		hs_metrics_set_active(metrics, true);
-		HS_REQUIRE(counts_of(metrics) == found && hs_fuzz_read(path) == written);
+		HS_REQUIRE(counts_of(metrics) == found && hs_read_text(path) == written);
 		hs_metrics_increment_counter(metrics, "enabled_count");
 		HS_REQUIRE((counts_of(metrics) == counts{found.enabled + 1, found.disabled}));
 		hs_metrics_increment_counter(metrics, "disabled_count");
 		HS_REQUIRE((counts_of(metrics) == counts{found.enabled + 1, found.disabled + 1}));
-		const std::string last = hs_fuzz_read(path);
+		const std::string last = hs_read_text(path);
 		hs_metrics_increment_counter(metrics, "other");
-		HS_REQUIRE(hs_fuzz_read(path) == last);
+		HS_REQUIRE(hs_read_text(path) == last);
 	}
 	hs_metrics_destroy(metrics);
 	hs_metrics_deinit();

@@ -8,7 +8,6 @@
 #include <hear-sense/plugin.h>
 
 #include "conf.hpp"
-#include "folder.hpp"
 #include "owned.hpp"
 #include "plugin.hpp"
 #include "pod.hpp"
@@ -16,6 +15,8 @@
 #include "source-settings.hpp"
 #include "source.hpp"
 #include "utf8.hpp"
+
+#include "../unit/temp-dir.hpp"
 
 namespace {
 
@@ -105,12 +106,12 @@ bool is_sound(const pw_properties *table)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-	static const hs_fuzz_folder folder;
+	static const hs_temp_dir folder;
 	const std::string path = folder / "ear-node.conf";
-	hs_fuzz_write(path, {reinterpret_cast<const char *>(data), size});
+	hs_write_text(path, {reinterpret_cast<const char *>(data), size});
 
 	const hs_properties_ptr first = start(path);
-	const std::string written = hs_fuzz_read(path);
+	const std::string written = hs_read_text(path);
 	for (const setting &each : settings)
 		HS_REQUIRE(hs_utf8_is_valid(value_of(first.get(), each.title)));
 
@@ -118,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	if (!is_sound(first.get()))
 		return 0;
 	const hs_properties_ptr second = start(path);
-	HS_REQUIRE(hs_fuzz_read(path) == written);
+	HS_REQUIRE(hs_read_text(path) == written);
 	HS_REQUIRE(value_of(second.get(), "Enable") == value_of(first.get(), "Enable"));
 	for (const setting &each : settings)
 		HS_REQUIRE(value_of(second.get(), each.title) == value_of(first.get(), each.title));
