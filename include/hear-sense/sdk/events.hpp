@@ -206,7 +206,8 @@ public:
 		spa_pod_frame frame;
 		spa_pod_builder_push_struct(builder, &frame);
 		for (const member_base *member : members) {
-			spa_pod_builder_string(builder, member->own_name.c_str());
+			spa_pod_builder_string_len(builder, member->own_name.c_str(),
+						   static_cast<uint32_t>(member->own_name.size()));
 			member->build_value(builder);
 		}
 		spa_pod_builder_pop(builder, &frame);

@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <optional>
@@ -62,11 +63,7 @@ public:
 	{
 		spa_pod_frame object;
 		spa_pod_builder_push_object(builder, &object, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo);
-		spa_pod_builder_prop(builder, SPA_PROP_INFO_name, 0);
-		spa_pod_builder_string(builder, own_title.c_str());
-		spa_pod_builder_prop(builder, SPA_PROP_INFO_description, 0);
-		spa_pod_builder_string(builder, own_description.c_str());
-		spa_pod_builder_prop(builder, SPA_PROP_INFO_type, 0);
+		spa_pod_builder_raw(builder, head.data(), static_cast<uint32_t>(head.size()));
 		build_value(builder);
 		return static_cast<spa_pod *>(spa_pod_builder_pop(builder, &object));
 	}
@@ -83,12 +80,28 @@ protected:
 			own_description += " (" + unit + ")";
 		if (!detail::is_text(own_description))
 			detail::refuse(own_title, "has a description that is not UTF-8");
+		spa_pod_builder measure{};
+		build_head(&measure);
+		head.resize(measure.state.offset);
+		spa_pod_builder builder = SPA_POD_BUILDER_INIT(head.data(), static_cast<uint32_t>(head.size()));
+		build_head(&builder);
 	}
 	virtual ~described() = default;
 
 private:
+	void build_head(spa_pod_builder *builder) const
+	{
+		spa_pod_builder_prop(builder, SPA_PROP_INFO_name, 0);
+		spa_pod_builder_string(builder, own_title.c_str());
+		spa_pod_builder_prop(builder, SPA_PROP_INFO_description, 0);
+		spa_pod_builder_string(builder, own_description.c_str());
+		spa_pod_builder_prop(builder, SPA_PROP_INFO_type, 0);
+	}
+
 	std::string own_title;
 	std::string own_description;
+	/** What comes before the value in the description: events are asked for theirs with each buffer. */
+	std::vector<std::byte> head;
 };
 
 /** A setting of any type. */
