@@ -12,10 +12,11 @@ usage()
 	Installs the Debian packages that the tests need and are missing, builds, runs every test, and ends with
 	the line "N passed, N failed".
 
-	  (nothing)   with g++, optimised, all tests; nodes, audio and shutdown under valgrind;
-	              with nothing that can be left out, the unit tests;
-	              with clang, AddressSanitizer and UndefinedBehaviorSanitizer, all tests, and 20 seconds of
-	              invented input for every parser
+	  (nothing)   with g++ -O3 and NDEBUG, all tests; under valgrind, the unit tests and those about nodes, audio
+	              and shutdown;
+	              with nothing that can be left out, without optimisation, the unit tests;
+	              with clang, AddressSanitizer and UndefinedBehaviorSanitizer, clang-tidy, all tests, how much of
+	              src/ they run, and 20 seconds of invented input for every parser
 	  --quick     one plain build with g++ and all tests
 	  --help      shows this
 
@@ -58,8 +59,9 @@ packages=("${common_packages[@]}"
 	'python3-pytest-xdist|runs them in parallel')
 $quick || packages+=(
 	'clang-14|the second compiler'
+	'clang-tidy-14|looks for bugs in the sources'
 	'libclang-rt-14-dev|its sanitizers'
-	'llvm-14|names the functions in their reports'
+	'llvm-14|names the functions in their reports, and tells what has been run'
 	'libbenchmark-dev|times what runs inside one process'
 	'gstreamer1.0-tools|what the daemon is compared with'
 	'gstreamer1.0-plugins-good|its level meter'
@@ -117,14 +119,16 @@ build()
 	fi
 }
 
+# unit_tests FOLDER MESON-OPTION...
 unit_tests()
 {
 	local folder=$1
+	shift
 	$built || return 0
 	rm -rf -- "$folder/results/unit"
 	rm -f -- "$folder/meson-logs/testlog.json"
 	GTEST_OUTPUT="xml:$PWD/$folder/results/unit/" \
-		meson test -C "$folder" --no-rebuild --no-suite integration --print-errorlogs || true
+		meson test -C "$folder" --no-rebuild --no-suite integration --print-errorlogs "$@" || true
 	count meson "$folder/meson-logs/testlog.json" "$folder/results/unit"
 }
 
@@ -174,6 +178,29 @@ fuzz()
 	fi
 }
 
+# tidy FOLDER: each source counts.
+tidy()
+{
+	local log=$work/tidy.log without with
+	$built || return 0
+	tools/tidy.sh "$1" 2>&1 | tee "$log" || true
+	if read -r without with < <(sed -n '$s/^\([0-9]*\) sources without findings, \([0-9]*\) with$/\1 \2/p' "$log"); then
+		add "$without" "$with" 0
+	else
+		add 0 1 0
+	fi
+}
+
+coverage()
+{
+	$built || return 0
+	if tools/coverage.sh --report "$1"; then
+		add 1 0 0
+	else
+		add 0 1 0
+	fi
+}
+
 # benchmarks FOLDER: only where a ratio is past twice its goal has something gone wrong for certain.
 benchmarks()
 {
@@ -195,7 +222,7 @@ if $quick; then
 	timed 'Unit tests' unit_tests build-test
 	timed 'Integration tests' integration_tests build-test integration -n 2 tests/integration
 else
-	timed 'Building with g++, optimised' build build-test-gcc -Doptimization=2 -Ddebug=true -Db_ndebug=true -Dbench=true
+	timed 'Building with g++, -O3 and NDEBUG' build build-test-gcc -Doptimization=3 -Ddebug=true -Db_ndebug=true -Dbench=true
 	timed 'Unit tests' unit_tests build-test-gcc
 	timed 'Integration tests' integration_tests build-test-gcc integration -n 2 tests/integration
 
@@ -212,18 +239,22 @@ else
 	timed 'Nodes, clients, audio and shutdown under valgrind' integration_tests build-test-gcc valgrind \
 		tests/integration -k \
 		'life or rounds or node_that_goes or hears_the_buffers or file_that_is_played or sigterm_tears'
+	timed 'Unit tests under valgrind' unit_tests build-test-gcc --wrapper "$HS_TEST_WRAPPER" --timeout-multiplier 10
 	unset HS_TEST_WRAPPER HS_TEST_TIMEOUT_SCALE HS_ROUNDS
 
 	export CC=clang-14 CXX=clang++-14
 	timed 'Building with clang and its sanitizers' build build-test-clang -Doptimization=1 -Ddebug=true \
-		-Db_sanitize=address,undefined -Db_lundef=false \
+		-Db_sanitize=address,undefined -Db_lundef=false -Dcoverage=enabled \
 		-D{c,cpp}_args='-fno-sanitize-recover=all -fno-omit-frame-pointer'
 	export ASAN_OPTIONS=detect_stack_use_after_return=1:strict_string_checks=1
 	export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 	export HS_TEST_TIMEOUT_SCALE=3 HS_FUZZ_SECONDS=20
 	PATH=$PATH:/usr/lib/llvm-14/bin
+	timed 'clang-tidy' tidy build-test-clang
+	tools/coverage.sh --reset build-test-clang
 	timed 'Unit tests, sanitized' unit_tests build-test-clang
 	timed 'Integration tests, sanitized' integration_tests build-test-clang integration -n 2 tests/integration
+	timed 'Coverage' coverage build-test-clang
 	timed 'Fuzzing' fuzz
 fi
 

@@ -34,8 +34,8 @@ def of_meson(testlog, reports):
     for line in pathlib.Path(testlog).read_text(encoding="utf-8").splitlines():
         test = json.loads(line)
         found = []
-        # An emulator comes before the program.
-        for word in test["command"][:2]:
+        # An emulator or valgrind, with its options, comes before the program.
+        for word in test["command"]:
             try:
                 found = found or list(cases(pathlib.Path(reports) / (pathlib.Path(word).name + ".xml")))
             except (OSError, xml.etree.ElementTree.ParseError):
