@@ -266,6 +266,9 @@ int append_elements(sd_bus_message *reply, const char *text, const char *complex
 			hs_malloc_ptr<char>(strings[i]).reset();
 		return r;
 	}
+	/* An event whose type names no element at all. */
+	if (complex_type[0] == '\0')
+		return -EINVAL;
 	return sd_bus_message_append_array(reply, complex_type[1], buffer, size);
 }
 
