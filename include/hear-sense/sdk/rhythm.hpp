@@ -61,9 +61,9 @@ public:
 		const double step_hops = info.step_seconds / hop_seconds;
 		due_beeps = step_hops * static_cast<double>(std::count(info.steps.begin(), info.steps.end(), '1'));
 		/* Each 3 % slower than the one before, or less. */
-		const double n_slower = std::ceil(info.tolerance / 0.03);
-		for (double i = -n_slower; i <= n_slower; i++)
-			add_speed((1.0 + info.tolerance * i / std::max(1.0, n_slower)) * step_hops);
+		const int n_slower = static_cast<int>(std::ceil(info.tolerance / 0.03));
+		for (int i = -n_slower; i <= n_slower; i++)
+			add_speed((1.0 + info.tolerance * i / std::max(1, n_slower)) * step_hops);
 	}
 
 	/** A round that is over, at one of the speeds. */
