@@ -11,6 +11,7 @@
 #include "failing-new.hpp"
 #include "pcm.hpp"
 #include "pod.hpp"
+#include "props.hpp"
 
 namespace
 {
@@ -294,6 +295,15 @@ TEST_F(Source, EventThatCanNotBeDescribedIsLeftOutAndTheLastSlotStaysEmpty)
 	const std::vector<std::string> interfaces = {"com.orvel.HearSense.Events.Mover.A",
 	                                             "com.orvel.HearSense.Events.Mover.D", "", ""};
 	EXPECT_EQ(source->event_interfaces, interfaces);
+}
+
+TEST_F(Source, EventWhoseTitleLeavesNoPlaceForItsValueIsLeftOut)
+{
+	const std::string title(HS_PROPS_OBJECT_SIZE, 'B');
+	describe_events({hs_describe_int("A", 1), hs_describe_int(title.c_str(), 2), hs_describe_int("C", 3)});
+	const hs_source *source = make();
+	ASSERT_NE(source, nullptr);
+	EXPECT_EQ(indices_of(source), (std::vector<uint32_t>{0, 2}));
 }
 
 TEST_F(Source, SecondEventOfATitleIsLeftOut)

@@ -130,16 +130,16 @@ void check_buffers(const subject &plugin, report *found)
 }
 
 struct sound {
-	signal_source::kind kind;
 	const char *name;
+	signal_source::kind kind;
 	bool is_finite;
 };
 
 constexpr sound sounds[] = {
-	{signal_source::SILENCE, "silence", true},    {signal_source::FULL_SCALE, "a square wave of full scale", true},
-	{signal_source::NOISE, "noise", true},	      {signal_source::SCENE, "noise and pauses", true},
-	{signal_source::DENORMAL, "denormals", true}, {signal_source::NOT_A_NUMBER, "NaN", false},
-	{signal_source::INFINITE, "infinity", false},
+	{"silence", signal_source::SILENCE, true},    {"a square wave of full scale", signal_source::FULL_SCALE, true},
+	{"noise", signal_source::NOISE, true},	      {"noise and pauses", signal_source::SCENE, true},
+	{"denormals", signal_source::DENORMAL, true}, {"NaN", signal_source::NOT_A_NUMBER, false},
+	{"infinity", signal_source::INFINITE, false},
 };
 
 /** CPU seconds that it takes to hear a second of the sound. */
