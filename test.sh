@@ -234,7 +234,10 @@ else
 	timed 'Benchmarks, shortened' benchmarks build-test-gcc
 
 	export HS_TEST_TIMEOUT_SCALE=10
-	export HS_TEST_WRAPPER='valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=97'
+	HS_TEST_WRAPPER='valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=97'
+	# Tests let their own operator new fail, and let children die with all that they hold.
+	HS_TEST_WRAPPER+=' --soname-synonyms=somalloc=nouserintercepts --child-silent-after-fork=yes'
+	export HS_TEST_WRAPPER
 	export HS_ROUNDS=10
 	timed 'Nodes, clients, audio and shutdown under valgrind' integration_tests build-test-gcc valgrind \
 		tests/integration -k \

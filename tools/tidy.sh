@@ -5,7 +5,7 @@
 set -euo pipefail
 
 jobs=2
-all=(src platform plugins tools)
+all=(src platform plugins)
 
 usage()
 {
