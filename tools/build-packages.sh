@@ -42,7 +42,7 @@ while (($# > 0)); do
 done
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/hear-sense-packages.XXXXXX")
-trap 'rm -rf -- "$work"' EXIT
+trap 'leave_bare_root "$work"' EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 

@@ -40,7 +40,7 @@ esac
 	fail 'This machine is an arm64 itself.' 'Run ./test.sh'
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/hear-sense-cross.XXXXXX")
-trap 'rm -rf -- "$work"' EXIT
+trap 'leave_bare_root "$work"' EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 

@@ -24,6 +24,8 @@ usage()
 cd -- "$(dirname -- "$(readlink -f -- "$0")")/.."
 # shellcheck source=tools/packages.sh
 . tools/packages.sh
+# shellcheck source=tools/bare-root.sh
+. tools/bare-root.sh
 
 folder=build-packages
 case ${1:-} in
@@ -37,7 +39,7 @@ compgen -G "$folder/*.deb" >/dev/null ||
 	fail "There are no packages in $folder." 'tools/build-packages.sh makes them.'
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/hear-sense-try.XXXXXX")
-trap 'rm -rf -- "$work"' EXIT
+trap 'leave_bare_root "$work"' EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
@@ -46,8 +48,9 @@ need_packages "$work/apt.log" 'mmdebstrap|makes a bare Debian 12' 'systemd-conta
 
 step 'Making a bare Debian 12'
 root=$work/root
-mmdebstrap --variant=minbase --include=systemd,systemd-sysv,dbus,pipewire,pipewire-bin,wireplumber \
-	--skip=cleanup/apt bookworm "$root" >"$work/log" 2>&1 ||
+begin_apart mmdebstrap --variant=minbase --include=systemd,systemd-sysv,dbus,pipewire,pipewire-bin,wireplumber \
+	--skip=cleanup/apt bookworm "$root" >"$work/log" 2>&1
+end_apart ||
 	fail 'It could not be made.' 'Is there a Debian mirror in reach?' "$work/log"
 
 trial=$root/opt/trial
@@ -103,10 +106,12 @@ END
 
 step 'Starting it'
 touch "$trial/log"
-systemd-nspawn --quiet --directory="$root" --register=no --keep-unit --machine=hear-sense-trial \
-	--console=pipe --boot systemd.wants=trial.service >"$work/log" 2>&1 </dev/null &
-tail --follow --lines=+1 --pid=$! "$trial/log"
-wait $! || true
+begin_apart systemd-nspawn --quiet --directory="$root" --register=no --keep-unit --machine=hear-sense-trial \
+	--console=pipe --boot systemd.wants=trial.service >"$work/log" 2>&1
+tail --follow --lines=+1 --pid="$bare_root_pid" "$trial/log" &
+shown=$!
+end_apart || true
+wait "$shown"
 [[ -s $trial/log ]] || fail 'It did not start.' 'Can containers be started here?' "$work/log"
 
 passed=$(grep -c '^passed: ' "$trial/log") || true
