@@ -72,7 +72,7 @@ need_packages()
 
 	step 'These Debian packages are missing and are installed now:'
 	for entry in "${missing[@]}"; do
-		printf '    %-20s %s\n' "${entry%%|*}" "${entry#*|}"
+		printf '    %-30s %s\n' "${entry%%|*}" "${entry#*|}"
 	done
 	if ((EUID != 0)); then
 		command -v sudo >/dev/null ||
