@@ -8,11 +8,12 @@ bare_root_pid=
 bare_root_stage=
 
 # begin_apart COMMAND...: in the background, where a signal ends this script at once, and out of the reach of the
-# terminal's Ctrl-C. Of root's, mounts and processes are its own and end with it.
+# terminal's Ctrl-C. Of root's, mounts and processes are its own and end with it, where that is allowed.
 begin_apart()
 {
 	local -a apart=()
 	((EUID != 0)) || apart=(unshare --mount-proc --pid --fork --kill-child)
+	((EUID != 0)) || "${apart[@]}" true 2>/dev/null || apart=()
 	setsid "${apart[@]}" "$@" </dev/null &
 	bare_root_pid=$!
 }
@@ -28,15 +29,12 @@ end_apart()
 # leave_bare_root FOLDER...: ends what has been begun, and removes the folders.
 leave_bare_root()
 {
-	local _
+	local signal=KILL _
 	trap '' INT TERM HUP
 	if [[ -n $bare_root_pid ]]; then
 		# Others than root have mmdebstrap itself remove what is another user's.
-		if ((EUID == 0)); then
-			kill -KILL "$bare_root_pid" || true
-		else
-			kill -TERM -- "-$bare_root_pid" || true
-		fi
+		((EUID == 0)) || signal=TERM
+		kill "-$signal" -- "-$bare_root_pid" || true
 		end_apart 2>/dev/null || true
 	fi
 	[[ -z $bare_root_stage ]] || set -- "$@" "$bare_root_stage"
