@@ -1,5 +1,6 @@
 #include "event-status.hpp"
 
+#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -62,10 +63,17 @@ private:
 	}
 };
 
+struct event_status {
+	bool is_enabled;
+	/** How many were set before it for the first time. */
+	size_t number;
+};
+
 } // namespace
 
 struct hs_event_statuses {
-	std::map<event_key, bool, event_order> enabled;
+	std::map<event_key, event_status, event_order> events;
+	size_t n_ever_set;
 };
 
 hs_event_statuses *hs_event_statuses_new()
@@ -79,36 +87,40 @@ void hs_event_statuses_destroy(hs_event_statuses *statuses)
 {
 	if (!statuses)
 		return;
-	for (const auto &[key, enabled] : statuses->enabled)
-		hs_source_dec_consumers(key.source);
+	std::map<size_t, hs_source *> in_order;
+	for (const auto &[key, status] : statuses->events)
+		in_order.emplace(status.number, key.source);
+	for (const auto &[number, source] : in_order)
+		hs_source_dec_consumers(source);
 	delete statuses;
 }
 
 bool hs_event_statuses_get(const hs_event_statuses *statuses, const hs_source *source, const char *name)
 {
-	const auto found = statuses->enabled.find(event_view{source, name});
-	return found != statuses->enabled.end() && found->second;
+	const auto found = statuses->events.find(event_view{source, name});
+	return found != statuses->events.end() && found->second.is_enabled;
 }
 
 void hs_event_statuses_set(hs_event_statuses *statuses, hs_source *source, const char *name, bool enabled)
 {
-	auto found = statuses->enabled.find(event_view{source, name});
-	if (found == statuses->enabled.end()) {
+	auto found = statuses->events.find(event_view{source, name});
+	if (found == statuses->events.end()) {
 		event_key key{source, std::nullopt};
 		if (name)
 			key.name = name;
-		found = statuses->enabled.emplace(std::move(key), false).first;
+		found = statuses->events.emplace(std::move(key), event_status{false, statuses->n_ever_set++}).first;
 	}
+	event_status &status = found->second;
 	/* What the source says while it starts or stops is for those who wanted it before. */
-	if (enabled && !found->second)
+	if (enabled && !status.is_enabled)
 		hs_source_inc_consumers(source);
-	else if (!enabled && found->second)
+	else if (!enabled && status.is_enabled)
 		hs_source_dec_consumers(source);
-	found->second = enabled;
+	status.is_enabled = enabled;
 }
 
 void hs_event_statuses_remove(hs_event_statuses *statuses, const hs_source *source)
 {
-	const auto [first, last] = statuses->enabled.equal_range(source);
-	statuses->enabled.erase(first, last);
+	const auto [first, last] = statuses->events.equal_range(source);
+	statuses->events.erase(first, last);
 }

@@ -10,7 +10,7 @@ struct hs_event_statuses;
 
 hs_event_statuses *hs_event_statuses_new();
 
-/** Takes a consumer from the source of every event that was ever set here, wanted or not. */
+/** Takes a consumer from the source of every event that was ever set here, wanted or not, the first one first. */
 void hs_event_statuses_destroy(hs_event_statuses *statuses);
 
 /** `name` may be null here and below; an event that was never set is not wanted. */

@@ -85,6 +85,23 @@ inline hs_description hs_describe_flags(std::string title, std::vector<std::pair
 	});
 }
 
+/** A whole number in a description of so many bytes, a multiple of 8. */
+inline hs_description hs_describe_of_size(std::string title, size_t size)
+{
+	return [title = std::move(title), size](spa_pod_builder *builder) {
+		spa_pod_frame frame{};
+		spa_pod_builder_push_object(builder, &frame, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo);
+		spa_pod_builder_prop(builder, SPA_PROP_INFO_name, 0);
+		spa_pod_builder_string(builder, title.c_str());
+		spa_pod_builder_prop(builder, SPA_PROP_INFO_type, 0);
+		spa_pod_builder_int(builder, 1);
+		spa_pod_builder_prop(builder, SPA_PROP_INFO_labels, 0);
+		const std::vector<uint8_t> rest(size - builder->state.offset - sizeof(spa_pod));
+		spa_pod_builder_bytes(builder, rest.data(), static_cast<uint32_t>(rest.size()));
+		return static_cast<spa_pod *>(spa_pod_builder_pop(builder, &frame));
+	};
+}
+
 /** The plug-in has no value to give. */
 inline spa_pod *hs_describe_nothing(spa_pod_builder *)
 {

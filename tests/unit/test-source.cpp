@@ -13,6 +13,21 @@
 #include "pod.hpp"
 #include "props.hpp"
 
+namespace {
+
+/** Setting this one in a table fails. */
+std::string key_without_memory;
+
+} // namespace
+
+extern "C" {
+int __real_pw_properties_set(pw_properties *properties, const char *key, const char *value);
+int __wrap_pw_properties_set(pw_properties *properties, const char *key, const char *value)
+{
+	return key && key == key_without_memory ? -ENOMEM : __real_pw_properties_set(properties, key, value);
+}
+}
+
 namespace
 {
 
@@ -306,6 +321,48 @@ TEST_F(Source, EventWhoseTitleLeavesNoPlaceForItsValueIsLeftOut)
 	EXPECT_EQ(indices_of(source), (std::vector<uint32_t>{0, 2}));
 }
 
+TEST_F(Source, DescriptionOf4096BytesIsTakenAndALongerOneIsNot)
+{
+	describe_events({hs_describe_of_size("A", 4096), hs_describe_of_size("B", 4104)});
+	const hs_source *source = make();
+	ASSERT_NE(source, nullptr);
+	EXPECT_EQ(indices_of(source), std::vector<uint32_t>{0});
+}
+
+TEST_F(Source, EventWhoseTextTakes1023BytesIsKeptAndALongerOneIsWarnedOf)
+{
+	const auto describe = [](const char *title, size_t n) {
+		return hs_describe(title, [n](spa_pod_builder *b) {
+			spa_pod_frame frame{};
+			spa_pod_builder_push_struct(b, &frame);
+			for (const auto &[name, length] : {std::pair{"a", size_t{511}}, std::pair{"b", n}}) {
+				spa_pod_builder_string(b, name);
+				spa_pod_builder_string(b, std::string(length, 'x').c_str());
+			}
+			spa_pod_builder_pop(b, &frame);
+		});
+	};
+	const auto rendered_size = [](const hs_event &event) {
+		const hs_properties_ptr object(pw_properties_new("title", event.title.c_str(), "type", "struct",
+								 "complexType", event.complex_type.c_str(), "value",
+								 event.value.c_str(), nullptr));
+		char text[4096];
+		EXPECT_EQ(hs_props_to_json(object.get(), text, sizeof(text)), 0);
+		return std::strlen(text);
+	};
+	describe_events({describe("A", 1)});
+	const size_t left = 1023 - rendered_size(make()->events.at(0));
+	ASSERT_LT(left, 500u);
+
+	describe_events({describe("A", 1 + left), describe("B", 2 + left)});
+	const hs_log_capture capture;
+	const hs_source *source = make();
+	EXPECT_EQ(indices_of(source), std::vector<uint32_t>{0});
+	EXPECT_EQ(rendered_size(source->events.at(0)), 1023u);
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "B is left out, it is too long"), 1u) << capture.text();
+	EXPECT_EQ(capture.complaints(), 1u) << capture.text();
+}
+
 TEST_F(Source, SecondEventOfATitleIsLeftOut)
 {
 	describe_events({hs_describe_int("A", 1), hs_describe_int("A", 2), hs_describe_int("B", 3)});
@@ -411,6 +468,21 @@ TEST_F(Source, DefinitionComesBeforeTheConfiguration)
 	                                                                    {"audio.channels", "1"},
 	                                                                    {"audio.position", "MONO"},
 	                                                                    {"audio.rate", "8000"}}));
+}
+
+TEST_F(Source, WishThatCanNotBeNotedIsWarnedOfAndTheOthersAreKept)
+{
+	load_plugin("plugin.info = { audio.rate = 16000, audio.channels = 2, audio.position = [ FL FR ] }");
+	const hs_source *source = make();
+	const hs_log_capture capture;
+	key_without_memory = "audio.position";
+	const items properties = pcm_properties(source);
+	key_without_memory.clear();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not add audio.position = [ FL FR ] to pcm props."), 1u)
+		<< capture.text();
+	EXPECT_EQ(capture.lines().size(), 1u) << capture.text();
+	EXPECT_EQ(items(properties.begin() + 5, properties.end()),
+		  (items{{"audio.channels", "2"}, {"audio.rate", "16000"}}));
 }
 
 TEST_F(Source, StreamWithoutAnyNodeNameHearsTheDefault)
@@ -535,6 +607,29 @@ TEST_F(Source, DestroyingForgetsItsEventsOnEveryBus)
 	bool enabled = true;
 	EXPECT_TRUE(hs_loop_bus_get_event_status(bed.loop, bus.bus(), source, "Level", &enabled));
 	EXPECT_FALSE(enabled);
+}
+
+TEST_F(Source, ABusThatGoesLeavesTheSourcesInTheOrderInWhichItCameToThem)
+{
+	hs_source *first = make("first");
+	hs_source *second = make("second");
+	const std::vector<std::vector<hs_source *>> orders = {{first, second}, {second, first}};
+	for (const std::vector<hs_source *> &order : orders) {
+		hs_bed_bus &bus = bed.add_private_bus();
+		std::vector<std::string> expected;
+		for (hs_source *source : order) {
+			hs_loop_bus_set_event_status(bed.loop, bus.bus(), "Level", source, true);
+			expected.push_back(address(source->pcm) + ": stop pcm");
+		}
+		const hs_log_capture capture;
+		hs_loop_do_quit(bed.loop, 0);
+		std::vector<std::string> stopped;
+		for (const hs_log_capture::line &line : capture.lines()) {
+			if (line.text.ends_with(": stop pcm"))
+				stopped.push_back(line.text);
+		}
+		EXPECT_EQ(stopped, expected) << capture.text();
+	}
 }
 
 TEST_F(Source, DestroyingBearsAPluginThatDescribesMoreEventsThanBefore)
