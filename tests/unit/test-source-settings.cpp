@@ -1,6 +1,8 @@
 #include "source-settings.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <filesystem>
 #include <string>
 #include <utility>
@@ -18,6 +20,28 @@
 
 namespace
 {
+
+/** No table that begins with a schema can be made. */
+bool tables_fail;
+
+} // namespace
+
+/* The real one takes its arguments one by one as well, so they are passed on as a list. */
+extern "C" pw_properties *__wrap_pw_properties_new(const char *key, ...)
+{
+	if (tables_fail && key && std::string{key} == "$schema")
+		return nullptr;
+	const spa_dict nothing = SPA_DICT_INIT(nullptr, 0);
+	pw_properties *table = pw_properties_new_dict(&nothing);
+	va_list arguments;
+	va_start(arguments, key);
+	for (; key; key = va_arg(arguments, const char *))
+		pw_properties_set(table, key, va_arg(arguments, const char *));
+	va_end(arguments);
+	return table;
+}
+
+namespace {
 
 using items = std::vector<std::pair<std::string, std::string>>;
 using texts = std::vector<std::string>;
@@ -131,7 +155,40 @@ hs_add_value counter(hs_add_value count)
 	};
 }
 
+using SettingsDeathTest = Settings;
+
+/** Where in the log the first line with that text stands; the number of lines where there is none. */
+size_t position_of(const hs_log_capture &capture, std::string_view text)
+{
+	const auto &lines = capture.lines();
+	const auto found = std::find_if(lines.begin(), lines.end(), [text](const hs_log_capture::line &line) {
+		return line.text.find(text) != std::string::npos;
+	});
+	return static_cast<size_t>(found - lines.begin());
+}
+
 } // namespace
+
+TEST_F(SettingsDeathTest, NoMemoryForTheTableAborts)
+{
+	make();
+	const auto add_without_memory = [this] {
+		tables_fail = true;
+		hs_source_add_global_settings(source, nullptr, path.c_str());
+	};
+	EXPECT_DEATH(add_without_memory(), "'source->settings' failed at .*source-settings.cpp:[0-9]+ "
+					   "hs_source_add_global_settings\\(\\)");
+}
+
+TEST_F(Settings, DescriptionOf4096BytesIsTakenAndALongerOneIsNot)
+{
+	prepare = [](hs_handmade_plugin &p) {
+		p.settings = {hs_describe_of_size("Short", 4096), hs_describe_of_size("Long", 4104)};
+	};
+	make();
+	EXPECT_EQ(value("short"), "1");
+	EXPECT_TRUE(entry("long").empty());
+}
 
 TEST_F(Settings, TableHasTheSchemaThePathAndAnEntryPerLowerCasedTitle)
 {
@@ -412,6 +469,34 @@ TEST_F(Settings, ComplexTypesAreRefused)
 	EXPECT_TRUE(plugin->taken.empty());
 }
 
+TEST_F(Settings, MissingTypeComesBeforeAComplexOneAndThatBeforeTheName)
+{
+	make();
+	const hs_log_capture capture;
+	EXPECT_FALSE(handle(nullptr, "5", nullptr));
+	EXPECT_FALSE(handle(nullptr, "5", "array"));
+	EXPECT_FALSE(handle("Enable", "true", "struct"));
+	EXPECT_FALSE(handle("Enable", "true", nullptr));
+	EXPECT_FALSE(handle(transient_name, "5", "array"));
+	const texts expected = {
+		"Setting value 5 exists but is missing type for source:AudioDevice0Input0.Unprocessed "
+		"setting:(null).",
+		"Tried to handle complex type settings which are not supported.",
+		"Tried to handle complex type settings which are not supported.",
+		"Setting value true exists but is missing type for source:AudioDevice0Input0.Unprocessed "
+		"setting:Enable.",
+		"Tried to handle complex type settings which are not supported.",
+	};
+	texts seen;
+	for (const hs_log_capture::line &line : capture.lines()) {
+		EXPECT_EQ(line.level, SPA_LOG_LEVEL_WARN);
+		seen.push_back(line.text);
+	}
+	EXPECT_EQ(seen, expected);
+	EXPECT_FALSE(source->enabled);
+	EXPECT_EQ(plugin->count("get_settings"), 0u);
+}
+
 TEST_F(Settings, MissingNameIsRefused)
 {
 	make();
@@ -449,6 +534,36 @@ TEST_F(Settings, SwitchingOnCountsAndMarksReportsAndStarts)
 	EXPECT_EQ(value("enable"), "true");
 	EXPECT_EQ(file(), ",\n \"enable\": true,\n \"gain\": 3,\n \"lowcut\": false,\n \"name\": \"ear\"\n}");
 	EXPECT_TRUE(plugin->taken.empty());
+}
+
+TEST_F(Settings, SwitchingOnIsToldStoredAndCountedBeforeThePluginIsAsked)
+{
+	prepare = [](hs_handmade_plugin &p) { p.events = {report_event("Alarm")}; };
+	make();
+	bool seen = false;
+	const hs_log_capture capture;
+	plugin->at_call = [&](const std::string &) {
+		if (std::exchange(seen, true))
+			return;
+		EXPECT_TRUE(source->enabled);
+		EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_INFO, "Enable plugin ")) << capture.text();
+		EXPECT_TRUE(counts("enabled_count", 1)) << metrics();
+		EXPECT_EQ(value("enable"), "true");
+		EXPECT_NE(file().find("\"enable\": true"), std::string::npos) << file();
+	};
+	EXPECT_TRUE(handle("Enable", "true", "boolean"));
+	EXPECT_TRUE(seen);
+}
+
+TEST_F(Settings, SwitchingOffIsToldAndCountedBeforeTheStreamStops)
+{
+	make();
+	source->consumers = 1;
+	handle("Enable", "true", "boolean");
+	const hs_log_capture capture;
+	EXPECT_TRUE(handle("Enable", "false", "boolean"));
+	EXPECT_LT(position_of(capture, "Disable plugin "), position_of(capture, ": stop pcm")) << capture.text();
+	EXPECT_LT(position_of(capture, ": stop pcm"), capture.lines().size()) << capture.text();
 }
 
 TEST_F(Settings, SwitchingOnTwiceCountsOnce)
@@ -596,6 +711,20 @@ TEST_F(Settings, WithoutATableOnlyThePluginIsTold)
 	EXPECT_FALSE(std::filesystem::exists(path));
 }
 
+TEST_F(Settings, ValueThatTheTableCanNotHoldIsTakenButNotKept)
+{
+	make();
+	std::filesystem::remove(path);
+	const std::string text(1000, 'x');
+	const hs_log_capture capture;
+	EXPECT_TRUE(handle("Name", text.c_str(), "string"));
+	EXPECT_EQ(plugin->taken, texts{"Name = " + text});
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Failed to set value " + text + " for props title Name"), 1u)
+		<< capture.text();
+	EXPECT_EQ(value("name"), "ear");
+	EXPECT_NE(file().find("\"name\": \"ear\""), std::string::npos) << file();
+}
+
 TEST_F(Settings, ValueThatIsTooLargeForAPodIsRefused)
 {
 	make();
@@ -714,6 +843,25 @@ TEST_F(Settings, DisturbanceThatThePluginRefusesIsNotTaken)
 	EXPECT_FALSE(hs_source_handle_settings(source, nullptr, transient_name, nullptr, nullptr));
 }
 
+TEST_F(Settings, CounterIsLookedForIn4096Bytes)
+{
+	make();
+	/* The Struct's header, a text of its length and header, the name of 40 with its own, the number of 16. */
+	constexpr size_t longest = 4096 - 8 - 8 - (8 + 40) - 16 - 1;
+	for (const size_t length : {longest, longest + 1}) {
+		plugin->present_settings = [length](spa_pod_builder *b) {
+			spa_pod_frame frame{};
+			spa_pod_builder_push_struct(b, &frame);
+			spa_pod_builder_string(b, std::string(length, 'x').c_str());
+			spa_pod_builder_string(b, transient_name);
+			spa_pod_builder_long(b, 1);
+			spa_pod_builder_pop(b, &frame);
+		};
+		EXPECT_TRUE(hs_source_handle_settings(source, nullptr, transient_name, nullptr, nullptr));
+		EXPECT_EQ(plugin->taken, texts{std::string{transient_name} + " = Long 2"}) << length;
+	}
+}
+
 TEST_F(Settings, SettingsThatTheBufferCanNotHoldHaveNoCounter)
 {
 	make();
@@ -742,6 +890,19 @@ TEST_F(Settings, OnlyAStructureWithReportReports)
 	EXPECT_FALSE(hs_source_has_report(source->interface, 2));
 	EXPECT_FALSE(hs_source_has_report(source->interface, 3));
 	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+}
+
+TEST_F(Settings, EventIsAskedWhetherItReportsIn4096Bytes)
+{
+	prepare = [](hs_handmade_plugin &p) {
+		p.events = {hs_describe_of_size("Short", 4096), hs_describe_of_size("Long", 4104)};
+	};
+	make();
+	const hs_log_capture capture;
+	EXPECT_FALSE(hs_source_has_report(source->interface, 0));
+	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+	EXPECT_FALSE(hs_source_has_report(source->interface, 1));
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Event index 1 out of range"), 1u) << capture.text();
 }
 
 TEST_F(Settings, EventThatCanNotBeAskedWhetherItReportsIsAnError)
