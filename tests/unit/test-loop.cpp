@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -19,6 +20,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "bus-client.hpp"
@@ -42,6 +45,22 @@ struct failing_bus {
 };
 
 failing_bus failing;
+
+/** What sd_bus_get_timeout tells of one bus. */
+struct told_timeout {
+	sd_bus *bus;
+	uint64_t usec;
+};
+
+told_timeout told;
+
+/** For which bus sd_bus_process fails, and with what. */
+struct failing_process {
+	sd_bus *bus;
+	int error;
+};
+
+failing_process unprocessed;
 
 struct process_count {
 	sd_bus *bus;
@@ -83,7 +102,12 @@ int __wrap_sd_bus_get_events(sd_bus *bus)
 int __real_sd_bus_get_timeout(sd_bus *bus, uint64_t *usec);
 int __wrap_sd_bus_get_timeout(sd_bus *bus, uint64_t *usec)
 {
-	return bus == failing.bus && failing.timeout < 0 ? failing.timeout : __real_sd_bus_get_timeout(bus, usec);
+	if (bus == failing.bus && failing.timeout < 0)
+		return failing.timeout;
+	const int r = __real_sd_bus_get_timeout(bus, usec);
+	if (bus == told.bus)
+		*usec = told.usec;
+	return r;
 }
 
 int __real_sd_bus_get_n_queued_write(sd_bus *bus, uint64_t *count);
@@ -99,11 +123,64 @@ int __real_sd_bus_process(sd_bus *bus, sd_bus_message **message);
 int __wrap_sd_bus_process(sd_bus *bus, sd_bus_message **message)
 {
 	counted.calls += bus == counted.bus;
-	return __real_sd_bus_process(bus, message);
+	return bus == unprocessed.bus ? unprocessed.error : __real_sd_bus_process(bus, message);
 }
 }
 
 namespace {
+
+/** A timer of the kernel as it stands. */
+struct kernel_timer {
+	/** From now on, in nanoseconds. */
+	int64_t left;
+	bool repeats;
+	bool is_absolute;
+	bool is_monotonic;
+};
+
+kernel_timer look_at_timer(int fd)
+{
+	kernel_timer timer{};
+	std::ifstream info{"/proc/self/fdinfo/" + std::to_string(fd)};
+	std::string line;
+	while (std::getline(info, line)) {
+		long long seconds = 0;
+		long long nanoseconds = 0;
+		long long flags = 0;
+		if (std::sscanf(line.c_str(), "it_value: (%lld, %lld)", &seconds, &nanoseconds) == 2)
+			timer.left = seconds * 1000000000 + nanoseconds;
+		else if (std::sscanf(line.c_str(), "it_interval: (%lld, %lld)", &seconds, &nanoseconds) == 2)
+			timer.repeats = seconds != 0 || nanoseconds != 0;
+		else if (std::sscanf(line.c_str(), "settime flags: %llo", &flags) == 1)
+			timer.is_absolute = (flags & TFD_TIMER_ABSTIME) != 0;
+		else if (std::sscanf(line.c_str(), "clockid: %lld", &flags) == 1)
+			timer.is_monotonic = flags == CLOCK_MONOTONIC;
+	}
+	return timer;
+}
+
+int64_t now_nsec()
+{
+	timespec now{};
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+/** The timer is armed once, for that moment of the monotonic clock in nanoseconds. */
+void expect_armed_for(int fd, int64_t moment)
+{
+	const int64_t before = now_nsec();
+	const kernel_timer timer = look_at_timer(fd);
+	const int64_t after = now_nsec();
+	EXPECT_GE(before + timer.left, moment - (after - before));
+	EXPECT_LE(before + timer.left, moment);
+	EXPECT_FALSE(timer.repeats);
+	EXPECT_TRUE(timer.is_absolute);
+	EXPECT_TRUE(timer.is_monotonic);
+}
+
+/** What stands for never: 0x7fffffff seconds and 999999999 nanoseconds. */
+constexpr int64_t far_future = int64_t{0x7fffffff} * 1000000000 + 999999999;
 
 std::string pointer(const void *p)
 {
@@ -118,6 +195,8 @@ protected:
 	Loop()
 	{
 		failing = {};
+		told = {};
+		unprocessed = {};
 		counted = {};
 		loop_to_look_at = nullptr;
 	}
@@ -785,6 +864,147 @@ TEST_F(Loop, NeverDropsTheMainBusForItsUnreadMessages)
 		EXPECT_TRUE(main_client().ping());
 	});
 	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+}
+
+TEST_F(Loop, TheTimerIsArmedForTheVeryMomentThatTheBusTells)
+{
+	/* The bus and its client take the next two, then come the loop's duplicate and the timer. */
+	const int timer_fd = hs_next_descriptor() + 3;
+	int socket;
+	sd_bus *bus = add_silent(&socket);
+	run([&] {
+		const auto now = static_cast<uint64_t>(now_nsec()) / 1000;
+		/* Just below a full second, the second itself, and one beyond 32 bits of microseconds. */
+		for (const uint64_t moment :
+		     {(now / 1000000 + 100) * 1000000 - 1, (now / 1000000 + 100) * 1000000, now + 5000000123}) {
+			told = {bus, moment};
+			bed.step();
+			bed.step();
+			expect_armed_for(timer_fd, static_cast<int64_t>(moment) * 1000);
+			capture.clear();
+			bed.step();
+			EXPECT_FALSE(capture.contains(SPA_LOG_LEVEL_TRACE, "on_idle")) << capture.text();
+		}
+	});
+	close(socket);
+}
+
+TEST_F(Loop, WithoutATimeoutTheTimerWaitsForTheFarFutureAndTheIdleSourceRests)
+{
+	const int timer_fd = hs_next_descriptor() + 3;
+	int socket;
+	sd_bus *bus = add_silent(&socket);
+	run([&] {
+		told = {bus, UINT64_MAX};
+		bed.step();
+		bed.step();
+		expect_armed_for(timer_fd, far_future);
+		capture.clear();
+		bed.step();
+		EXPECT_FALSE(capture.contains(SPA_LOG_LEVEL_TRACE, "on_idle bus " + pointer(bus))) << capture.text();
+	});
+	close(socket);
+}
+
+TEST_F(Loop, WithWorkPendingTheIdleSourceWakesAndTheTimerWaitsForTheFarFuture)
+{
+	const int timer_fd = hs_next_descriptor() + 3;
+	int socket;
+	sd_bus *bus = add_silent(&socket);
+	run([&] {
+		told = {bus, 0};
+		bed.step();
+		capture.clear();
+		bed.step();
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_TRACE, "on_idle bus " + pointer(bus) + " (state 0)"), 1u)
+			<< capture.text();
+		expect_armed_for(timer_fd, far_future);
+	});
+	close(socket);
+}
+
+TEST_F(Loop, ABusThatIsGivenUpIsNotListenedToAnyMore)
+{
+	for (const bool is_timeout : {false, true}) {
+		failing = {};
+		private_bus &bus = add_private();
+		bed.run_until_quit(main_bus(), [&] {
+			ASSERT_TRUE(bus.client.ping());
+			rest();
+			/* There is something to read from here on. */
+			ASSERT_GE(sd_bus_call_method_async(bus.client.connection(), nullptr, nullptr, "/",
+							   "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, ""),
+				  0);
+			ASSERT_GE(sd_bus_flush(bus.client.connection()), 0);
+			failing = {bus.server, is_timeout ? 0 : -EINVAL, is_timeout ? -EINVAL : 0, 0};
+			capture.clear();
+		});
+		EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_TRACE, "on_idle bus " + pointer(bus.server) + " (state 2)"))
+			<< capture.text();
+		EXPECT_FALSE(capture.contains(SPA_LOG_LEVEL_TRACE, "on_bus_io bus " + pointer(bus.server)))
+			<< capture.text();
+	}
+}
+
+TEST_F(Loop, AFailureToProcessIsToldWithItsCause)
+{
+	int socket;
+	sd_bus *bus = add_silent(&socket);
+	const auto script = [&] {
+		ASSERT_TRUE(main_client().ping());
+		rest();
+		capture.clear();
+		unprocessed = {bus, -EIO};
+		ASSERT_EQ(send(socket, "\0", 1, 0), 1);
+		EXPECT_TRUE(wait([&] { return !is_attached(bus); }));
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Failed to process bus event: Input/output error"), 1u)
+			<< capture.text();
+		EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+		EXPECT_FALSE(capture.contains(SPA_LOG_LEVEL_INFO, "Exiting."));
+
+		unprocessed = {main_bus(), -EPIPE};
+		ASSERT_GE(sd_bus_call_method_async(main_client().connection(), nullptr, nullptr, "/",
+						   "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr, ""),
+			  0);
+		ASSERT_GE(sd_bus_flush(main_client().connection()), 0);
+	};
+	EXPECT_GE(bed.run_until_quit(main_bus(), script), 0);
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Failed to process bus event: Broken pipe"), 1u) << capture.text();
+	EXPECT_EQ(capture.complaints(), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Got signal 0"), 1u);
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_TRACE, "process bus"), capture.count(SPA_LOG_LEVEL_TRACE, "process done"))
+		<< capture.text();
+	close(socket);
+}
+
+TEST_F(Loop, QuittingIsToldFirstAndThenDropsThePrivateBuses)
+{
+	int socket;
+	add_silent(&socket);
+	run([&] {
+		capture.clear();
+		hs_loop_do_quit(bed.get(), SIGTERM);
+	});
+	ASSERT_GE(capture.lines().size(), 3u) << capture.text();
+	EXPECT_EQ(capture.lines()[0].text, "Got signal 15");
+	EXPECT_EQ(capture.lines()[0].level, SPA_LOG_LEVEL_DEBUG);
+	EXPECT_EQ(capture.lines()[1].text, "Exiting.");
+	EXPECT_EQ(capture.lines()[1].level, SPA_LOG_LEVEL_INFO);
+	EXPECT_EQ(capture.lines()[2].text.rfind("Destroy bus event data: 0x", 0), 0u) << capture.text();
+	EXPECT_EQ(capture.lines()[2].level, SPA_LOG_LEVEL_DEBUG);
+	close(socket);
+}
+
+TEST_F(Loop, AfterTheRunNoBusIsAsked)
+{
+	run([] {});
+	int socket;
+	add_silent(&socket);
+	capture.clear();
+	bed.step();
+	EXPECT_TRUE(capture.lines().empty()) << capture.text();
+	hs_loop_do_quit(bed.get(), 0);
+	close(socket);
 }
 
 TEST_F(Loop, DoesNotReArmWhatHasNotChanged)
