@@ -27,6 +27,12 @@ namespace {
 /** "sync file", "rename" and "sync directory" in the order in which they were called. */
 std::vector<std::string> steps;
 
+/** The directory that was synced last. */
+ino_t synced_directory;
+
+/** What snprintf() tells in place of the length, unless it is 0. */
+int told_length;
+
 /** A file that somebody else makes just before one is created. */
 std::string intruder;
 
@@ -84,6 +90,8 @@ int __wrap_fsync(int fd)
 	struct stat status = {};
 	fstat(fd, &status);
 	steps.push_back(S_ISDIR(status.st_mode) ? "sync directory" : "sync file");
+	if (S_ISDIR(status.st_mode))
+		synced_directory = status.st_ino;
 	return hs_must_fail("fsync") ? -1 : __real_fsync(fd);
 }
 
@@ -124,7 +132,7 @@ int __wrap_snprintf(char *buffer, size_t size, const char *format, ...)
 	va_start(arguments, format);
 	const int length = hs_must_fail("snprintf") ? -1 : std::vsnprintf(buffer, size, format, arguments);
 	va_end(arguments);
-	return length;
+	return told_length != 0 ? told_length : length;
 }
 
 /* What snprintf() is called with _FORTIFY_SOURCE. */
@@ -134,7 +142,7 @@ int __wrap___snprintf_chk(char *buffer, size_t size, int, size_t, const char *fo
 	va_start(arguments, format);
 	const int length = hs_must_fail("snprintf") ? -1 : std::vsnprintf(buffer, size, format, arguments);
 	va_end(arguments);
-	return length;
+	return told_length != 0 ? told_length : length;
 }
 
 char *__wrap_strdup(const char *text)
@@ -292,6 +300,19 @@ TEST_F(AtomicFile, SyncsTheFileBeforeTheRenameAndTheDirectoryAfterIt)
 	EXPECT_EQ(steps, (std::vector<std::string>{"sync file", "rename", "sync directory"}));
 }
 
+TEST_F(AtomicFile, SyncsTheDirectoryThatTheFileIsIn)
+{
+	const std::string below = directory / "below";
+	std::filesystem::create_directory(below);
+	for (const std::string &folder : {directory.path(), below}) {
+		synced_directory = 0;
+		EXPECT_EQ(hs_atomic_file_write((folder + "/file").c_str(), write_text, const_cast<char *>("new")), 0);
+		struct stat status;
+		ASSERT_EQ(stat(folder.c_str(), &status), 0);
+		EXPECT_EQ(synced_directory, status.st_ino);
+	}
+}
+
 TEST_F(AtomicFile, ARelativePathSyncsTheWorkingDirectory)
 {
 	const std::filesystem::path before = std::filesystem::current_path();
@@ -302,6 +323,9 @@ TEST_F(AtomicFile, ARelativePathSyncsTheWorkingDirectory)
 	EXPECT_EQ(res, 0);
 	EXPECT_EQ(hs_read_text(directory / "relative"), "new");
 	EXPECT_EQ(steps.back(), "sync directory");
+	struct stat status;
+	ASSERT_EQ(stat(directory.path().c_str(), &status), 0);
+	EXPECT_EQ(synced_directory, status.st_ino);
 }
 
 TEST_F(AtomicFile, APositiveResultOfTheCallbackIsSuccess)
@@ -371,6 +395,16 @@ TEST_F(AtomicFile, ATemporaryPathThatCannotBeFormattedIsWarnedOf)
 	expect_failure_with_old_content(write("new"), "Failed to create tmp file path: ");
 }
 
+TEST_F(AtomicFile, ATemporaryPathThatIsCutIsWarnedOf)
+{
+	/* The buffer takes four characters more than the path, and the terminator. */
+	told_length = static_cast<int>(path.size()) + 5;
+	const int res = write("new");
+	told_length = 0;
+	expect_failure_with_old_content(res, "Failed to create tmp file path: ");
+	EXPECT_TRUE(steps.empty());
+}
+
 TEST_F(AtomicFile, AFailedFdopenIsWarnedOfAndClosesTheFile)
 {
 	hs_fail_call("fdopen", 1, ENOMEM);
@@ -433,6 +467,7 @@ TEST_F(AtomicFile, AFailedRenameIsWarnedOfAndTheTemporaryFileStays)
 	EXPECT_EQ(write("new"), -1);
 	expect_one_warning("Failed to rename tmp file: Is a directory");
 	EXPECT_EQ(hs_read_text(tmp), "new");
+	EXPECT_EQ(steps, (std::vector<std::string>{"sync file", "rename"}));
 }
 
 TEST_F(AtomicFile, AFailureLeavesATemporaryFileThatTheNextWriteReplaces)
