@@ -139,6 +139,17 @@ TEST_F(Context, DestroyingNoneIsHarmless)
 	EXPECT_EQ(destroyed(), std::vector<std::string>{"context"}) << capture.text();
 }
 
+TEST_F(Context, TellsWhichOneIsDestroyed)
+{
+	char expected[64];
+	std::snprintf(expected, sizeof(expected), "%p: destroy", static_cast<void *>(make()));
+	capture.clear();
+	hs_context_destroy();
+	ASSERT_EQ(capture.lines().size(), 1u) << capture.text();
+	EXPECT_EQ(capture.lines()[0].text, expected);
+	EXPECT_EQ(capture.lines()[0].level, SPA_LOG_LEVEL_DEBUG);
+}
+
 TEST_F(Context, AnotherCanBeMadeAfterwards)
 {
 	make();

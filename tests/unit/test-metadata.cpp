@@ -78,6 +78,23 @@ struct Metadata : testing::Test {
 
 using MetadataDeathTest = Metadata;
 
+/** What the registry was last asked to bind. */
+struct {
+	uint32_t id;
+	std::string type;
+	uint32_t version;
+	size_t user_data_size;
+} bound;
+
+spa_callbacks real_registry;
+
+void *note_and_bind(void *object, uint32_t id, const char *type, uint32_t version, size_t user_data_size)
+{
+	bound = {id, type, version, user_data_size};
+	const auto *methods = static_cast<const pw_registry_methods *>(real_registry.funcs);
+	return methods->bind(object, id, type, version, user_data_size);
+}
+
 } // namespace
 
 TEST_F(Metadata, ValueIsThatOfTheDeviceTheNodeBeginsWith)
@@ -125,6 +142,16 @@ TEST_F(MetadataDeathTest, NullWatchAborts)
 	bed.context->registry->metadata = watch;
 }
 
+TEST_F(MetadataDeathTest, ChangeWithoutAContextAborts)
+{
+	const auto *events = static_cast<const pw_metadata_events *>(watch->listener.cb.funcs);
+	const auto change_without_context = [&] {
+		hs_context_destroy();
+		events->property(watch, 0, device_key, "", "{ }");
+	};
+	EXPECT_DEATH(change_without_context(), "'context' failed at .*metadata.cpp:[0-9]+ property_changed\\(\\)");
+}
+
 TEST(MetadataWithoutContextDeathTest, Aborts)
 {
 	hs_metadata *watch = hs_metadata_new();
@@ -154,6 +181,38 @@ TEST_F(Metadata, EventsResultIsZero)
 	const auto *events = static_cast<const pw_metadata_events *>(watch->listener.cb.funcs);
 	EXPECT_EQ(events->property(watch, 0, device_key, "t", "{ }"), 0);
 	EXPECT_EQ(events->property(watch, 0, nullptr, nullptr, nullptr), 0);
+}
+
+TEST_F(Metadata, EveryChangeIsToldOf)
+{
+	const auto *events = static_cast<const pw_metadata_events *>(watch->listener.cb.funcs);
+	const hs_log_capture capture;
+	events->property(watch, 7, "colour", "Spa:String", "red");
+	events->property(watch, UINT32_MAX, nullptr, nullptr, nullptr);
+	ASSERT_EQ(capture.lines().size(), 2u) << capture.text();
+	EXPECT_EQ(capture.lines()[0].text, "Got metadata - id: 7, key: colour, type: Spa:String");
+	EXPECT_EQ(capture.lines()[1].text, "Got metadata - id: -1, key: (null), type: (null)");
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG), 2u) << capture.text();
+}
+
+TEST_F(Metadata, IsBoundAsVersion3OfWhatWasAnnounced)
+{
+	hs_metadata_unbind(watch);
+	bound = {};
+	auto *interface = reinterpret_cast<spa_interface *>(bed.registry->registry);
+	const spa_callbacks real = interface->cb;
+	real_registry = real;
+	pw_registry_methods methods = *static_cast<const pw_registry_methods *>(real.funcs);
+	methods.bind = note_and_bind;
+	interface->cb.funcs = &methods;
+	const hs_properties_ptr props(pw_properties_new("metadata.name", "virtual-nodes", nullptr));
+	hs_metadata_setup_listener(watch, watch->id, PW_TYPE_INTERFACE_Metadata, &props->dict);
+	interface->cb = real;
+	EXPECT_NE(watch->proxy, nullptr);
+	EXPECT_EQ(bound.id, watch->id);
+	EXPECT_EQ(bound.type, PW_TYPE_INTERFACE_Metadata);
+	EXPECT_EQ(bound.version, 3u);
+	EXPECT_EQ(bound.user_data_size, 0u);
 }
 
 TEST_F(Metadata, NullValueRemovesTheConnection)
@@ -248,13 +307,67 @@ TEST_F(Metadata, ChangeRestartsTheDevicesPluginsWithTheNewTexts)
 	EXPECT_TRUE(source->pcm->stream_active);
 }
 
+TEST_F(Metadata, StreamStartsAfterThePluginIsActive)
+{
+	const hs_source *source = add_source("AudioDevice0Input0.Unprocessed", 1);
+	std::vector<bool> active;
+	bed.host.plugins[0]->at_call = [&](const std::string &) { active.push_back(source->pcm->stream_active); };
+	set(device_key, internal_a1);
+	EXPECT_EQ(calls_of(0), (calls{"init", "activate"}));
+	bed.host.plugins[0]->at_call = nullptr;
+	EXPECT_EQ(active, (std::vector<bool>{false, false}));
+	EXPECT_TRUE(source->pcm->stream_active);
+}
+
+TEST_F(Metadata, ConsumersAreCountedBeforeThePluginIsStopped)
+{
+	hs_source *source = add_source("AudioDevice0Input0.Unprocessed", 1);
+	source->is_initialized = true;
+	source->is_active = true;
+	bed.host.plugins[0]->at_call = [source](const std::string &method) {
+		if (method == "deactivate")
+			source->consumers = 0;
+	};
+	set(device_key, internal_a1);
+	EXPECT_EQ(calls_of(0), (calls{"deactivate", "deinit", "init", "activate"}));
+}
+
+TEST_F(Metadata, PluginWithoutConsumersIsStoppedAndInitialisedAnew)
+{
+	hs_source *source = add_source("AudioDevice0Input0.Unprocessed", 0);
+	source->is_initialized = true;
+	source->is_active = true;
+	set(device_key, internal_a1);
+	EXPECT_EQ(calls_of(0), (calls{"deactivate", "deinit", "init"}));
+	EXPECT_STREQ(bed.host.plugins[0]->stream.connection_type, "internal");
+	EXPECT_FALSE(source->is_active);
+}
+
+TEST_F(Metadata, SourcesOfAPluginAreRestartedInTheirOrder)
+{
+	std::vector<size_t> order;
+	for (const char *name : {"AudioDevice0Input0.B", "AudioDevice0Input0.A", "AudioDevice0Input0.C"})
+		add_source(name, 1);
+	for (size_t i = 0; i < 3; ++i)
+		bed.host.plugins[i]->at_call = [&order, i](const std::string &method) {
+			if (method == "init")
+				order.push_back(i);
+		};
+	set(device_key, internal_a1);
+	EXPECT_EQ(order, (std::vector<size_t>{0, 1, 2}));
+}
+
 TEST_F(Metadata, TextsAreCutAt127BytesAndAbsentOnesAreEmpty)
 {
 	const hs_source *source = add_source("AudioDevice0Input0.Unprocessed", 1);
-	const std::string connection_type(200, 't');
-	set(device_key, ("{ acoustic_id = x, connection_type = " + connection_type + " }").c_str());
-	EXPECT_EQ(source->pcm->info.connection_type, connection_type.substr(0, 127));
-	EXPECT_STREQ(source->pcm->info.acoustic_id, "x");
+	for (const size_t length : {126u, 127u, 128u, 200u}) {
+		const std::string connection_type(length, 't');
+		const std::string acoustic_id(length, 'a');
+		set(device_key,
+		    ("{ acoustic_id = " + acoustic_id + ", connection_type = " + connection_type + " }").c_str());
+		EXPECT_EQ(source->pcm->info.connection_type, connection_type.substr(0, 127));
+		EXPECT_EQ(source->pcm->info.acoustic_id, acoustic_id.substr(0, 127));
+	}
 	set(device_key, "{ connection_type = short }");
 	EXPECT_STREQ(source->pcm->info.connection_type, "short");
 	EXPECT_STREQ(source->pcm->info.acoustic_id, "");

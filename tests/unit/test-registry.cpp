@@ -121,6 +121,18 @@ TEST_F(Registry, TellsOfTheNodesThatItTakes)
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Object added"), 1u) << capture.text();
 }
 
+TEST_F(Registry, TellsTheClassAndThenTheObject)
+{
+	const spa_dict_item items[] = {{"media.class", "Audio/Source"}, {"node.name", "x"}};
+	const spa_dict props = SPA_DICT_INIT_ARRAY(items);
+	const hs_log_capture capture;
+	announce(4294967295, PW_TYPE_INTERFACE_Node, &props);
+	ASSERT_EQ(capture.lines().size(), 2u) << capture.text();
+	EXPECT_EQ(capture.lines()[0].text, "\t\tmedia.class: \"Audio/Source\"");
+	EXPECT_EQ(capture.lines()[1].text, "\n\nObject added - object: id:4294967295 type:PipeWire:Interface:Node/3");
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG), 2u) << capture.text();
+}
+
 TEST_F(Registry, HandsTheNodesIdOver)
 {
 	pw_impl_node *node = bed.add_node("source", "Audio/Source");
