@@ -695,6 +695,47 @@ TEST(PodParse, MemberNamesThatAreEmptyTooLongOrThereTwiceAreRefused)
 	}
 }
 
+TEST(PodParse, AMemberNameOf128BytesIsTaken)
+{
+	const std::string name(128, 'x');
+	pod_buffer buffer;
+	buffer.describe();
+	spa_pod_frame frame;
+	spa_pod_builder_push_struct(&buffer.builder, &frame);
+	spa_pod_builder_string(&buffer.builder, name.c_str());
+	spa_pod_builder_int(&buffer.builder, 1);
+	spa_pod_builder_pop(&buffer.builder, &frame);
+	buffer.finish();
+	const hs_pod_ptr pod = hs_pod_parse(buffer.pod());
+	ASSERT_NE(pod, nullptr);
+	EXPECT_EQ(pod->json, "{\n  \"" + name + "\": \"1\"\n }");
+}
+
+TEST(PodParse, AStructureTextOf2047BytesFitsAndALongerOneIsRefused)
+{
+	/* "{\n" and "\n }", 11 bytes beside each of four values, and ",\n" that the last member has not. */
+	constexpr size_t rest = 2047 - (2 + 3) - 4 * 11 + 2 - 3 * 511;
+	for (const size_t length : {rest, rest + 1}) {
+		pod_buffer buffer;
+		buffer.describe();
+		spa_pod_frame frame;
+		spa_pod_builder_push_struct(&buffer.builder, &frame);
+		for (const auto &[name, n] :
+		     {std::pair{"a", size_t{511}}, {"b", size_t{511}}, {"c", size_t{511}}, {"d", length}}) {
+			spa_pod_builder_string(&buffer.builder, name);
+			spa_pod_builder_string(&buffer.builder, std::string(n, 'x').c_str());
+		}
+		spa_pod_builder_pop(&buffer.builder, &frame);
+		buffer.finish();
+		const hs_log_capture log;
+		const hs_pod_ptr pod = hs_pod_parse(buffer.pod());
+		EXPECT_EQ(pod != nullptr, length == rest) << log.text();
+		if (pod) {
+			EXPECT_EQ(std::strlen(pod->json), 2047u);
+		}
+	}
+}
+
 TEST(PodParse, ANameWithoutValueIsRefused)
 {
 	pod_buffer buffer;
@@ -1050,6 +1091,38 @@ TEST(PodBuild, BuildsEveryScalar)
 	const built empty = build("", "string");
 	EXPECT_EQ(spa_pod_get_string(empty.value, &text), 0);
 	EXPECT_STREQ(text, "");
+}
+
+TEST(PodBuild, TheEndsOfARangeAndNumbersOfAnyBaseAreTaken)
+{
+	const auto build = [](const char *value, const char *type) {
+		return built{hs_pod_build("x", value, type, nullptr)};
+	};
+	uint32_t id = 1;
+	int32_t word = 0;
+	int64_t number = 0;
+	float single = 0;
+	double real = 0;
+	EXPECT_EQ(spa_pod_get_id(build("0", "uint32").value, &id), 0);
+	EXPECT_EQ(id, 0u);
+	EXPECT_EQ(spa_pod_get_id(build("0xffffffff", "uint32").value, &id), 0);
+	EXPECT_EQ(id, UINT32_MAX);
+	EXPECT_EQ(spa_pod_get_id(build("010", "uint32").value, &id), 0);
+	EXPECT_EQ(id, 8u);
+	EXPECT_EQ(spa_pod_get_int(build("2147483647", "int32").value, &word), 0);
+	EXPECT_EQ(word, INT32_MAX);
+	EXPECT_EQ(spa_pod_get_int(build("-2147483648", "int32").value, &word), 0);
+	EXPECT_EQ(word, INT32_MIN);
+	EXPECT_EQ(spa_pod_get_int(build("010", "int32").value, &word), 0);
+	EXPECT_EQ(word, 8);
+	EXPECT_EQ(spa_pod_get_long(build("9223372036854775807", "int64").value, &number), 0);
+	EXPECT_EQ(number, INT64_MAX);
+	EXPECT_EQ(spa_pod_get_long(build("-0x10", "int64").value, &number), 0);
+	EXPECT_EQ(number, -16);
+	EXPECT_EQ(spa_pod_get_float(build("3.40282347e+38", "float").value, &single), 0);
+	EXPECT_EQ(single, FLT_MAX);
+	EXPECT_EQ(spa_pod_get_double(build("-1.7976931348623157e308", "double").value, &real), 0);
+	EXPECT_EQ(real, -DBL_MAX);
 }
 
 TEST(PodBuild, AUint32BeyondItsRangeLeavesOnlyTheName)

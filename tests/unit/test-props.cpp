@@ -313,6 +313,23 @@ TEST(PropsSetValue, AValueThatIsTooLongIsAnErrorAndChangesNothing)
 	EXPECT_EQ(log.complaints(), 1u);
 }
 
+TEST(PropsSetValue, AnObjectOf1023BytesFitsAndALongerOneDoesNot)
+{
+	const hs_log_capture log;
+	const hs_properties_ptr table = make_table({});
+	hs_props_add_object(table.get(), {{"title", "Gain"}, {"value", ""}});
+	const size_t left = 1023 - std::strlen(pw_properties_get(table.get(), "Gain"));
+	const std::string fits(left, 'x');
+	hs_props_set_value(table.get(), "Gain", fits.c_str());
+	EXPECT_EQ(value_of(table, "Gain"), fits);
+	EXPECT_EQ(std::strlen(pw_properties_get(table.get(), "Gain")), 1023u);
+	EXPECT_EQ(log.complaints(), 0u) << log.text();
+
+	hs_props_set_value(table.get(), "Gain", (fits + "y").c_str());
+	EXPECT_EQ(value_of(table, "Gain"), fits);
+	EXPECT_EQ(log.count(SPA_LOG_LEVEL_ERROR, "Failed to set value " + fits + "y for props title Gain"), 1u);
+}
+
 TEST(PropsSetValue, ATableThatIsNullIsAnError)
 {
 	const hs_log_capture log;
