@@ -41,6 +41,29 @@ def test_start_that_fails_is_one_error_and_status_1(bed, call, message):
     assert not bed.client().has_owner()
 
 
+#: Nothing has asked for rights before the system bus is open.
+WITHOUT_RIGHTS = ("pw_main_loop_new", "sd_bus_open_system")
+
+
+@pytest.mark.parametrize("call", [call for call, _ in FATAL])
+def test_start_that_fails_gives_the_rights_library_back(bed, call):
+    log = bed.stage.folder / "rights.log"
+    env = {
+        "LD_LIBRARY_PATH": str(bed.stage.build / "tests/plugins/vetto2-double"),
+        "HS_DOUBLE_LOG": str(log),
+        "HS_FAIL_CALL": call,
+    }
+    assert bed.spawn(program=PROGRAM, env=env).status() == 1
+    assert log.read_text() == ("release\n" if call in WITHOUT_RIGHTS else "init\nrelease\n")
+
+
+def test_main_loop_that_can_not_run_ends_with_1(bed):
+    daemon = bed.spawn(program=PROGRAM, env={"HS_FAIL_CALL": "sd_bus_get_fd"})
+    assert daemon.status() == 1
+    assert daemon.log_count("request name") == 1
+    assert not bed.client().has_owner()
+
+
 @pytest.mark.parametrize("call, message", SURVIVED)
 def test_start_goes_on_without_what_it_can_do_without(bed, call, message):
     plugin = bed.plugin(enabled=True, events=[event("Speech")])

@@ -42,6 +42,75 @@ def test_start_up_logs_its_steps_in_order(bed):
     log = daemon.log()
     assert daemon.log_count("Starting.") == 1
     assert log.index("Starting.") < log.index("add object manager") < log.index("request name")
+    for level, text in (("[I]", "Starting."), ("[D]", "add object manager"), ("[D]", "request name")):
+        assert [line[:3] for line in daemon.log_lines(text)] == [level]
+
+
+@pytest.mark.parametrize("args", [["-h"], ["--nonsense"]])
+def test_start_is_told_before_the_command_line_is_read(bed, args):
+    daemon = bed.spawn(args)
+    daemon.status()
+    assert daemon.log_count("] Starting.") == 1
+
+
+def assert_in_order(daemon, *patterns):
+    """Each line of the log comes for the first time after all those before it."""
+    lines = daemon.log().splitlines()
+    seen = [next((i for i, line in enumerate(lines) if re.search(p, line)), None) for p in patterns]
+    assert None not in seen and seen == sorted(seen), dict(zip(patterns, seen))
+
+
+def test_start_up_takes_its_steps_in_order(bed):
+    bed.plugin(enabled=True)
+    _, env = with_double(bed, HS_TRACE_CALLS="1")
+    daemon, _ = bed.start(program="tests/unit/hear-sense-failing", env=env | {"HS_DOUBLE_LOG": "/dev/stderr"})
+    assert_in_order(
+        daemon,
+        r"\] Starting\.$",
+        "^call pw_main_loop_new$",
+        "^call sd_bus_open_system$",
+        "^init$",
+        "^call pw_context_new$",
+        "^call pw_context_connect$",
+        "^call pw_core_get_registry$",
+        "^call sd_bus_match_signal$",
+        "^call sd_bus_call$",
+        "Loaded config '",
+        "^call sd_bus_add_object_vtable$",
+        "add object manager$",
+        "^call sd_bus_add_object_manager$",
+        "request name$",
+        "^call sd_bus_request_name$",
+        "^call sd_bus_get_fd$",
+    )
+
+
+def test_shut_down_takes_its_steps_in_order(bed):
+    plugin = bed.plugin(enabled=True)
+    bed.quiet_microphone()
+    _, env = with_double(bed)
+    daemon, client = bed.start(env=env | {"HS_DOUBLE_LOG": "/dev/stderr", "PIPEWIRE_DEBUG": "4"})
+    client.wait_added(plugin.path())
+    assert daemon.stop() == 0
+    assert_in_order(
+        daemon,
+        "Got signal 15$",
+        r"Exiting\.$",
+        r"hs_context_destroy\(\)\] 0x[0-9a-f]+: destroy$",
+        ": destroy plugin ",
+        ": destroy source configuration$",
+        ": destroy pw-source ",
+        ": destroy dbus ",
+        r"pw\.core .*pw_core_disconnect\(\)",
+        r"pw\.context .*pw_context_destroy\(\)",
+        r"pw_main_loop_destroy\(\)",
+        "^release$",
+    )
+
+
+def test_pipewire_context_asks_for_no_data_loops(bed):
+    daemon, _ = bed.start()
+    assert str(bed.graph.clients()[daemon.pid]["context.num-data-loops"]) == "0"
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
@@ -73,6 +142,13 @@ def test_missing_session_bus_is_logged_and_ends_with_1(bed):
     daemon = bed.spawn(env={"HS_USE_SESSION_BUS": "true"})
     assert daemon.status() == 1
     assert daemon.log_count("Could not open session bus: ") == 1
+    assert daemon.log_lines("Could not open session bus: ")[0].startswith("[E]")
+
+
+def test_missing_bus_of_any_other_value_is_the_system_bus(bed):
+    daemon = bed.spawn(bus_address="unix:path=/nonexistent/bus", env={"HS_USE_SESSION_BUS": "TRUE"})
+    assert daemon.status() == 1
+    assert [line[:3] for line in daemon.log_lines("Could not open system bus: ")] == ["[E]"]
 
 
 def test_missing_pipewire_is_one_error_and_ends_with_1(bed):
@@ -150,7 +226,8 @@ def test_rights_library_that_fails_ends_the_daemon_with_255_and_no_clean_up(bed)
     daemon = bed.spawn(env=env)
     assert daemon.process.wait() == 255
     daemon.ended = True
-    assert daemon.log_count("Failed to initialize libvetto: code 7: no rights today") == 1
+    failures = daemon.log_lines("Failed to initialize libvetto: code 7: no rights today")
+    assert [line[:3] for line in failures] == ["[E]"]
     assert log.read_text() == "init\n"
 
 
@@ -185,6 +262,7 @@ def test_unreadable_configuration_directory_ends_quietly_with_0(bed):
     daemon = bed.spawn(["-c", str(locked)], privileged=False)
     assert daemon.status() == 0
     assert daemon.log_count(f"access {locked} failed: Permission denied") == 1
+    assert daemon.log_lines(f"access {locked} failed: ")[0].startswith("[W]")
     assert [line for line in daemon.log_lines("[E]") if "hear-sense" in line] == []
     assert not bed.client().has_owner()
 

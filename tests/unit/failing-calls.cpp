@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 #include <vector>
@@ -63,9 +64,12 @@ uintptr_t place_of(void *address)
 
 bool must_fail(const char *function, void *address)
 {
+	static const bool is_traced = std::getenv("HS_TRACE_CALLS");
 	const uintptr_t place = place_of(address);
 	if (place == 0)
 		return false;
+	if (is_traced)
+		std::fprintf(stderr, "call %s\n", function);
 	const hs_call call{function, place};
 	++calls.seen[call];
 	const bool fails = calls.countdown > 0 && call == calls.failing && --calls.countdown == 0;

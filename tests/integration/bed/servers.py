@@ -142,6 +142,11 @@ class Graph:
         """The global ids of all metadata by name."""
         return self._listing("Metadata", "metadata.name")
 
+    def clients(self):
+        """What each client says of itself, by its process."""
+        objects = [found for found in json.loads(self._ask("pw-dump")) if found["type"].endswith(":Client")]
+        return {found["info"]["props"].get("application.process.id"): found["info"]["props"] for found in objects}
+
     def wait_node(self, name, count=1):
         wait_until(lambda: len(self.nodes().get(name, [])) == count, f"{count} nodes {name[:80]} in the graph")
 
