@@ -1,5 +1,6 @@
 #include "pw-source.hpp"
 
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -182,6 +183,25 @@ TEST(PwSourceConfig, WithoutANodeIsTheFirstEntryWithAnyName)
 	const hs_properties_ptr nameless(
 	        pw_properties_new("source.1", "{ n = 1 }", "node.name", "x", nullptr));
 	EXPECT_EQ(hs_pw_source_find_config(nullptr, nameless.get()), nullptr);
+}
+
+TEST(PwSourceConfig, IsAnEntryWhoseKeyBeginsWithSourceAndADot)
+{
+	const hs_properties_ptr others(pw_properties_new("source", "{ node.name = a }", "source1", "{ node.name = a }",
+							 "Source.1", "{ node.name = a }", "xsource.1",
+							 "{ node.name = a }", nullptr));
+	EXPECT_EQ(hs_pw_source_find_config("a", others.get()), nullptr);
+	EXPECT_EQ(hs_pw_source_find_config(nullptr, others.get()), nullptr);
+	const hs_properties_ptr shortest(pw_properties_new("source.", "{ node.name = a }", nullptr));
+	EXPECT_NE(hs_pw_source_find_config("a", shortest.get()), nullptr);
+}
+
+TEST(PwSourceConfig, IsACopy)
+{
+	const hs_properties_ptr config(pw_properties_new("source.1", "{ node.name = a, n = 1 }", nullptr));
+	const hs_properties_ptr found = hs_pw_source_find_config("a", config.get());
+	pw_properties_set(found.get(), "n", "2");
+	EXPECT_STREQ(pw_properties_get(hs_pw_source_find_config("a", config.get()).get(), "n"), "1");
 }
 
 TEST(PwSourceSettingsPath, HasTheDeviceOfAnAudioDevice)
@@ -393,6 +413,9 @@ TEST_F(PwSource, PluginThatFailsLeavesTheOthersAlone)
 	EXPECT_EQ(names_of(sound), texts{unprocessed});
 	EXPECT_TRUE(nodes()[0]->registered);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR), 1u) << capture.text();
+	EXPECT_EQ(capture.complaints(), 1u) << capture.text();
+	EXPECT_EQ(announced(bed.main_bus), (texts{std::string{"+"} + chain_path, std::string{"+"} + source_path,
+						  std::string{"+"} + mover_path}));
 }
 
 TEST_F(PwSource, AnnouncesTheChainTheSourceAndThenTheInstanceOnEveryBus)
@@ -410,6 +433,27 @@ TEST_F(PwSource, AnnouncesTheChainTheSourceAndThenTheInstanceOnEveryBus)
 	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
 	EXPECT_EQ(count_of(chain_path), 1u);
 	EXPECT_EQ(count_of(source_path), 1u);
+}
+
+TEST_F(PwSource, MainBusComesFirstThenThePrivateOnesAndThePluginsInterfacesLast)
+{
+	motion = bed.add_plugin("motion", "plugin.info = { node.pattern = Mic }");
+	bed.add_private_bus();
+	bed.add_private_bus();
+	const hs_log_capture capture;
+	add_named(1, "Mic-1..Raw");
+	texts errors;
+	for (const hs_log_capture::line &line : capture.lines()) {
+		if (line.level == SPA_LOG_LEVEL_ERROR && line.text.starts_with("Could not set up D-Bus "))
+			errors.push_back(line.text.substr(std::strlen("Could not set up D-Bus ")));
+	}
+	std::erase_if(errors, [](const std::string &error) { return error.starts_with("Plugin Instance "); });
+	const std::string node = " for source 'Mic-1..Raw'";
+	EXPECT_EQ(errors,
+		  (texts{"Audio Chain interface on system bus" + node, "Source interface on system bus" + node,
+			 "Audio Chain interface on private bus" + node, "Source interface on private bus" + node,
+			 "Audio Chain interface on private bus" + node, "Source interface on private bus" + node,
+			 "plugin interfaces" + node}));
 }
 
 TEST_F(PwSource, ChainThatCanNotBePublishedIsAnErrorButTheSourceStays)
@@ -624,6 +668,7 @@ TEST_F(PwSource, RemovalThatCanNotBeAnnouncedIsWarnedOf)
 	                        "Could not emit object removed on private bus: Invalid argument"),
 	          1u)
 	        << capture.text();
+	EXPECT_LT(capture.text().find("removed on system bus"), capture.text().find("removed on private bus"));
 	EXPECT_TRUE(sources_of(motion).empty());
 }
 

@@ -300,6 +300,17 @@ TEST_F(Settings, FileThatCanNotBeReadIsNoError)
 	EXPECT_EQ(value("gain"), "3");
 }
 
+TEST_F(Settings, FolderInPlaceOfTheFileIsWarnedOfAndTheDefaultsCount)
+{
+	std::filesystem::create_directory(path);
+	hs_write_text(path + "/x", "");
+	const hs_log_capture capture;
+	make("plugin.info = { g.default = { title = Gain, value = 9 } }");
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Failed to load config '" + path + "': "), 1u) << capture.text();
+	EXPECT_EQ(value("gain"), "9");
+	EXPECT_EQ(value("lowcut"), "false");
+}
+
 TEST_F(Settings, OnlyStoredValuesAreGivenToThePlugin)
 {
 	hs_write_text(path, "{ \"gain\": 7, \"name\": \"nose\", \"lowcut\": true, \"other\": 1 }");
