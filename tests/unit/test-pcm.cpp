@@ -25,6 +25,18 @@ namespace
 pw_buffer *lent_buffer;
 std::vector<pw_buffer *> queued_buffers;
 
+/** What a stream was connected with. */
+struct connection {
+	spa_direction direction;
+	uint32_t target;
+	pw_stream_flags flags;
+	std::vector<spa_audio_info_raw> offers;
+};
+
+connection last_connection;
+/** What streams were told of being active. */
+std::vector<bool> activations;
+
 } // namespace
 
 extern "C" {
@@ -41,6 +53,26 @@ int __wrap_pw_stream_queue_buffer(pw_stream *, pw_buffer *buffer)
 {
 	queued_buffers.push_back(buffer);
 	return 0;
+}
+
+int __real_pw_stream_connect(pw_stream *stream, spa_direction direction, uint32_t target, pw_stream_flags flags,
+			     const spa_pod **params, uint32_t n_params);
+int __wrap_pw_stream_connect(pw_stream *stream, spa_direction direction, uint32_t target, pw_stream_flags flags,
+			     const spa_pod **params, uint32_t n_params)
+{
+	last_connection = {direction, target, flags, {}};
+	for (uint32_t i = 0; i < n_params; ++i) {
+		spa_audio_info_raw &offer = last_connection.offers.emplace_back();
+		hs_pcm_parse_format(params[i], &offer);
+	}
+	return __real_pw_stream_connect(stream, direction, target, flags, params, n_params);
+}
+
+int __real_pw_stream_set_active(pw_stream *stream, bool active);
+int __wrap_pw_stream_set_active(pw_stream *stream, bool active)
+{
+	activations.push_back(active);
+	return __real_pw_stream_set_active(stream, active);
 }
 
 pw_stream *__wrap_pw_stream_new(pw_core *core, const char *name, pw_properties *props)
@@ -103,6 +135,7 @@ using PcmInstanceDeathTest = PcmInstance;
 struct PcmStream : testing::Test {
 	PcmStream()
 	{
+		activations.clear();
 		node.name = node_name;
 		node.media_class = "Audio/Source";
 		record = bed.add_plugin("motion", "plugin.info = { audio.channels = 2, audio.rate = 48000 }");
@@ -208,6 +241,17 @@ TEST_F(PcmInstance, InitGivesThePluginTheStreamAndItsConfig)
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "Initialize motion on AudioDevice0Input0.Unprocessed"),
 	          1u)
 	        << capture.text();
+}
+
+TEST_F(PcmInstance, PluginMayKeepTheDescriptionOfItsStream)
+{
+	static const hs_stream_info *kept;
+	plugin.methods.init = [](void *, const hs_stream_info *info, const spa_dict *) {
+		kept = info;
+		return 0;
+	};
+	EXPECT_TRUE(hs_pcm_plugin_init(&pcm));
+	EXPECT_EQ(kept, &pcm.info);
 }
 
 TEST_F(PcmInstance, InitThatReturnsMoreThanZeroIsASuccess)
@@ -417,6 +461,40 @@ TEST_F(PcmStream, LetsTheSessionManagerFindItsTarget)
 	EXPECT_EQ(property(PW_KEY_MEDIA_CLASS), "Stream/Input/Audio");
 }
 
+TEST_F(PcmStream, ConnectsInactiveWithOneOfferAndNoTargetId)
+{
+	make_source();
+	EXPECT_EQ(last_connection.direction, SPA_DIRECTION_INPUT);
+	EXPECT_EQ(last_connection.target, PW_ID_ANY);
+	EXPECT_EQ(static_cast<int>(last_connection.flags),
+		  PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_INACTIVE | PW_STREAM_FLAG_MAP_BUFFERS);
+	ASSERT_EQ(last_connection.offers.size(), 1u);
+	EXPECT_EQ(last_connection.offers[0].format, SPA_AUDIO_FORMAT_F32P);
+	EXPECT_EQ(last_connection.offers[0].rate, 48000u);
+	EXPECT_EQ(last_connection.offers[0].channels, 2u);
+	EXPECT_TRUE(activations.empty());
+}
+
+TEST_F(PcmStream, IsListenedToWhileItConnects)
+{
+	const hs_log_capture capture;
+	make_source();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG,
+				"State changed: 0 -> 1 for motion on AudioDevice0Input0.Unprocessed)"),
+		  1u)
+		<< capture.text();
+}
+
+TEST_F(PcmStream, OfASourceThatHasOneAlreadyLeavesThatInPlace)
+{
+	make_source();
+	hs_pcm *first = source->pcm;
+	hs_pcm *second = hs_pcm_new(source, &node);
+	EXPECT_EQ(source->pcm, first);
+	EXPECT_EQ(second->source, source);
+	hs_pcm_destroy(second);
+}
+
 TEST_F(PcmStream, HearsASinkWithoutKeepingItRunning)
 {
 	node.media_class = "Audio/Sink";
@@ -481,9 +559,11 @@ TEST_F(PcmStream, StartsForAnEnabledSourceWithConsumers)
 	const hs_log_capture capture;
 	EXPECT_TRUE(hs_pcm_start_stream(pcm));
 	EXPECT_TRUE(pcm->stream_active);
+	EXPECT_EQ(activations, std::vector<bool>{true});
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm->stream) + ": activate stream"), 1u)
 	        << capture.text();
 	EXPECT_FALSE(hs_pcm_start_stream(pcm));
+	EXPECT_EQ(activations.size(), 1u);
 	EXPECT_EQ(capture.lines().size(), 1u) << capture.text();
 }
 
@@ -510,8 +590,10 @@ TEST_F(PcmStream, StopsWheneverItIsTold)
 	for (const bool active : {true, false}) {
 		pcm->stream_active = active;
 		const hs_log_capture capture;
+		activations.clear();
 		hs_pcm_stop_stream(pcm);
 		EXPECT_FALSE(pcm->stream_active);
+		EXPECT_EQ(activations, std::vector<bool>{false});
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm) + ": stop pcm"), 1u)
 		        << capture.text();
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, address(pcm->stream) + ": deactivate stream"),
@@ -643,6 +725,31 @@ TEST_F(PcmStream, FormatWithTooManyChannelsKeepsThePreviousOneButInitialises)
 	EXPECT_EQ(plugin->stream.info.channels, 1u);
 }
 
+TEST_F(PcmStream, FirstFormatThatCanNotBeReadIsFollowedByTheRestAllTheSame)
+{
+	make_source();
+	pw_properties_set(bed.registry->metadata->connections, "AudioDevice0Input0",
+			  "{ \"connection_type\": \"internal\", \"acoustic_id\": \"a1\" }");
+	change_format(44100, 65);
+	EXPECT_EQ(plugin->calls, calls{"init"});
+	/* What the stream was offered with. */
+	EXPECT_EQ(plugin->stream.info.rate, 48000u);
+	EXPECT_STREQ(plugin->stream.source_name, node_name);
+	EXPECT_STREQ(plugin->stream.connection_type, "internal");
+	EXPECT_STREQ(plugin->stream.acoustic_id, "a1");
+	EXPECT_TRUE(source->pcm->format_ready);
+}
+
+TEST_F(PcmStream, FormatIsReadyOnceThePluginWasAsked)
+{
+	make_source();
+	bool was_ready = true;
+	plugin->at_call = [&](const std::string &) { was_ready = source->pcm->format_ready; };
+	change_format(48000, 2);
+	EXPECT_FALSE(was_ready);
+	EXPECT_TRUE(source->pcm->format_ready);
+}
+
 TEST_F(PcmStream, FormatIsReadyEvenWhereThePluginCanNotBeInitialised)
 {
 	make_source();
@@ -726,6 +833,20 @@ TEST_F(PcmStream, StreamingActivatesThePluginAndLooksAtItsEvents)
 	                        "State changed: 2 -> 3 for motion on AudioDevice0Input0.Unprocessed)"),
 	          1u)
 	        << capture.text();
+}
+
+TEST_F(PcmStream, StateIsToldBeforeThePluginHearsOfIt)
+{
+	make_source();
+	change_format(48000, 2);
+	const hs_log_capture capture;
+	calls told;
+	plugin->at_call = [&](const std::string &) { told.push_back(capture.lines()[0].text); };
+	change_state(PW_STREAM_STATE_PAUSED, PW_STREAM_STATE_STREAMING);
+	change_state(PW_STREAM_STATE_STREAMING, PW_STREAM_STATE_PAUSED);
+	const std::string first = "State changed: 2 -> 3 for motion on AudioDevice0Input0.Unprocessed)";
+	EXPECT_EQ(told, (calls{first, first}));
+	EXPECT_EQ(capture.lines()[2].text, "State changed: 3 -> 2 for motion on AudioDevice0Input0.Unprocessed)");
 }
 
 TEST_F(PcmStream, StreamingWithoutAnActivePluginLooksAtNoEvent)
@@ -905,6 +1026,7 @@ TEST_F(PcmStream, WithoutABufferProcessIsAnError)
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Unable to dequeue audio stream: Unknown error"), 1u)
 	        << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_ERROR, "Could not dequeue buffer: "), 1u) << capture.text();
+	EXPECT_EQ(capture.lines()[0].text, "process") << capture.text();
 }
 
 TEST_F(PcmStream, ErrorOfTheStreamIsTheReasonForAMissingBuffer)
