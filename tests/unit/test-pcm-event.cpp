@@ -531,6 +531,36 @@ TEST_F(PcmEventSignals, ForceSignalsEveryTime)
 	EXPECT_EQ(told(), (calls{level(3), level(3), level(3)}));
 }
 
+TEST_F(PcmEventSignals, TurningThePluginOnAndOffTellsItsValuesAgain)
+{
+	publish({hs_describe_int("Level", 3)});
+	enable("Level");
+	const auto change_state = [this](pw_stream_state old, pw_stream_state state) {
+		spa_callbacks_call(&source->pcm->listener.cb, pw_stream_events, state_changed, 0, old, state, nullptr);
+	};
+	source->is_initialized = true;
+	change_state(PW_STREAM_STATE_PAUSED, PW_STREAM_STATE_STREAMING);
+	EXPECT_EQ(told(), calls{level(3)});
+	change_state(PW_STREAM_STATE_STREAMING, PW_STREAM_STATE_PAUSED);
+	EXPECT_EQ(told(), calls{level(3)});
+}
+
+TEST_F(PcmEventSignals, NotificationTellsOfChangesToThoseWhoEnabledTheEvent)
+{
+	publish({hs_describe_int("Level", 3)});
+	plugin->interface.notify_event(&plugin->interface, 0);
+	EXPECT_TRUE(told().empty());
+	plugin->events = {hs_describe_int("Level", 4)};
+	plugin->interface.notify_event(&plugin->interface, 0);
+	EXPECT_TRUE(told().empty());
+	enable("Level");
+	plugin->interface.notify_event(&plugin->interface, 0);
+	EXPECT_TRUE(told().empty());
+	plugin->events = {hs_describe_int("Level", 5)};
+	plugin->interface.notify_event(&plugin->interface, 0);
+	EXPECT_EQ(told(), calls{level(5)});
+}
+
 TEST_F(PcmEventSignals, ForcedBatchDoesNotReachABusThatDidNotEnableTheEvent)
 {
 	publish({hs_describe_int("Level", 3)});
