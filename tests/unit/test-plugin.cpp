@@ -168,6 +168,18 @@ TEST(Plugin, DotsOfItsFolderAreNoPartOfItsName)
 	EXPECT_STREQ(load(bed, bed.directory / "some.conf/sound.conf")->name, "sound");
 }
 
+TEST(Plugin, FileOfTheWorkingFolderNeedsNoSlash)
+{
+	hs_daemon_bed bed;
+	bed.write_conf("motion");
+	const std::filesystem::path before = std::filesystem::current_path();
+	std::filesystem::current_path(bed.directory / "confs");
+	const hs_plugin *plugin = load(bed, "motion.conf");
+	std::filesystem::current_path(before);
+	ASSERT_NE(plugin, nullptr);
+	EXPECT_STREQ(plugin->name, "motion");
+}
+
 TEST(PluginDeathTest, NullArgumentsAbort)
 {
 	hs_daemon_bed bed;
@@ -315,6 +327,21 @@ TEST(Plugin, DestroyingTakesItsSourcesAlong)
 	EXPECT_TRUE(spa_list_is_empty(&bed.context->plugins));
 }
 
+TEST(Plugin, DestroyingIsToldBeforeItsSourcesGo)
+{
+	hs_daemon_bed bed;
+	hs_plugin *plugin = bed.add_plugin("motion");
+	hs_pw_source node{};
+	ASSERT_NE(hs_source_new(plugin, "a", nullptr, (bed.settings + "/x.conf").c_str(), &node), nullptr);
+	const hs_log_capture capture;
+	size_t n_told = 0;
+	bed.host.at_clear = [&](hs_handmade_plugin &) {
+		n_told = capture.count(SPA_LOG_LEVEL_DEBUG, ": destroy plugin 'motion'");
+	};
+	hs_plugin_destroy(plugin);
+	EXPECT_EQ(n_told, 1u) << capture.text();
+}
+
 TEST(Plugin, LoadsTheLibraryOfItsNameAndGivesItTheConfig)
 {
 	hs_daemon_bed bed;
@@ -391,6 +418,10 @@ TEST(Plugin, InterfaceOfVersion1IsRefusedAndItsHandleUnloaded)
 		bed.host.prepare = [version](hs_handmade_plugin &made) { made.interface.version = version; };
 		bed.host.n_cleared = 0;
 		const hs_log_capture capture;
+		size_t n_errors_at_clear = 0;
+		bed.host.at_clear = [&](hs_handmade_plugin &) {
+			n_errors_at_clear = capture.count(SPA_LOG_LEVEL_ERROR);
+		};
 		const loaded motion(plugin);
 		EXPECT_FALSE(motion.ok);
 		EXPECT_EQ(motion.handle, nullptr);
@@ -402,6 +433,7 @@ TEST(Plugin, InterfaceOfVersion1IsRefusedAndItsHandleUnloaded)
 			  1u)
 			<< capture.text();
 		EXPECT_EQ(bed.host.n_cleared, 1u);
+		EXPECT_EQ(n_errors_at_clear, 1u);
 		EXPECT_EQ(bed.host.plugins.back()->interface.host_data, nullptr);
 	}
 }
@@ -693,6 +725,7 @@ TEST(PluginMethods, DescriptionThatFillsItsBufferIsTaken)
 {
 	hs_handmade_plugin plugin;
 	plugin.events = {[](spa_pod_builder *builder) {
+		EXPECT_EQ(builder->size, 4096u);
 		auto *pod = static_cast<spa_pod *>(builder->data);
 		*pod = {builder->size - 8, SPA_TYPE_Object};
 		return pod;
@@ -734,6 +767,24 @@ TEST_F(PluginTexts, NullTextsAreEmpty)
 	EXPECT_EQ(hs_plugin_get_schema(&plugin), "");
 	EXPECT_EQ(hs_plugin_get_settings_schema(&plugin), "");
 	EXPECT_EQ(hs_plugin_get_interface_name(&plugin), "");
+}
+
+TEST_F(PluginTexts, AreThoseOfTheFirstSource)
+{
+	hs_handmade_plugin other;
+	other.interface.version = 2;
+	other.interface.interface_name = "Other";
+	other.interface.schema = "other.json";
+	other.interface.settings_schema = "other.json";
+	hs_source later{};
+	later.interface = &other.interface;
+	spa_list_append(&plugin.sources, &later.link);
+	first.is_public = true;
+	EXPECT_EQ(hs_plugin_get_interface_name(&plugin), "Mover");
+	EXPECT_EQ(hs_plugin_get_schema(&plugin), "/schemas/motion.schema.json");
+	EXPECT_EQ(hs_plugin_get_settings_schema(&plugin), "/schemas/motion.settings.json");
+	EXPECT_EQ(hs_plugin_get_event_nice_name(&plugin, level), "Sound level");
+	EXPECT_TRUE(hs_plugin_event_is_public(&plugin, level));
 }
 
 TEST_F(PluginTexts, TextsThatAreNoUtf8AreRepaired)
