@@ -69,6 +69,18 @@ protected:
 		return all;
 	}
 
+	/** The members that have a record, in order of registration, such as "main com.orvel.HearSense.Source.Id". */
+	strings registered() const
+	{
+		strings all;
+		hs_dbus *dbus;
+		spa_list_for_each(dbus, &bed.context->dbus_objects, link) {
+			const bool is_main = sd_bus_slot_get_bus(dbus->slot) == bed.context->bus;
+			all.push_back((is_main ? "main " : "private ") + dbus->interface + "." + dbus->name);
+		}
+		return all;
+	}
+
 	/** The members of one interface at that path. */
 	static strings members_of(hs_bus_client &client, const std::string &path, const std::string &interface)
 	{
@@ -176,6 +188,52 @@ TEST_F(DBus, ASecondPluginOnANodeFindsTheSharedObjectsPublished)
 		}
 	});
 	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
+}
+
+TEST_F(DBus, SharedObjectsAreRegisteredInTheirOrder)
+{
+	hs_source *source = add_ear().add_source(node_name);
+	bed.run([&] { ASSERT_TRUE(bed.publish_shared(source)); });
+	strings expected;
+	for (const char *member :
+	     {"AudioChain.Id", "AudioChain.NiceName", "AudioChain.Direction",
+	      "AudioChain.IndicateInternalSpeakerActive", "AudioChain.IndicateContinuousAudioDisturbance",
+	      "AudioChain.IndicateTransientAudioDisturbance", "Source.Id", "Source.AudioChain"})
+		expected.push_back("main com.orvel.HearSense." + std::string{member});
+	EXPECT_EQ(registered(), expected);
+}
+
+TEST_F(DBus, AMethodOfADeviceThatCannotBeRegisteredIsPassedOver)
+{
+	hs_source *source = add_ear().add_source(node_name);
+	static const sd_bus_vtable taken[] = {
+		SD_BUS_VTABLE_START(0),
+		SD_BUS_METHOD("IndicateInternalSpeakerActive", nullptr, nullptr, nullptr, 0),
+		SD_BUS_VTABLE_END,
+	};
+	bed.run([&] {
+		sd_bus *bus = bed.context->bus;
+		ASSERT_GE(sd_bus_add_object_vtable(bus, nullptr, chain_path, HS_DBUS_CHAIN_INTERFACE, taken, nullptr),
+			  0);
+		EXPECT_TRUE(hs_dbus_setup_audio_chain_interface(source, bus));
+		EXPECT_EQ(bed.members(bed.client, chain_path).size(), 6u);
+		EXPECT_EQ(bed.client.count_objects("InterfacesAdded", chain_path), 1u);
+	});
+	EXPECT_EQ(bed.count_records(), 5u);
+	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
+}
+
+TEST_F(DBus, ASharedObjectThatFailsHalfWayIsNotAnnounced)
+{
+	hs_source *source = add_ear().add_source(node_name);
+	source->device_path = "/no-path";
+	bed.run([&] {
+		EXPECT_FALSE(hs_dbus_setup_source_interface(source, bed.context->bus));
+		EXPECT_EQ(bed.members(bed.client, node_path), strings{"com.orvel.HearSense.Source.Id s const"});
+		EXPECT_EQ(bed.client.count_objects("InterfacesAdded", node_path), 0u);
+	});
+	EXPECT_EQ(bed.count_records(), 1u);
+	EXPECT_EQ(bed.capture.complaints(), 1u) << bed.capture.text();
 }
 
 TEST_F(DBus, ASharedObjectThatCannotBeRegisteredStopsAtItsFirstMember)
@@ -544,6 +602,53 @@ TEST_F(DBus, AnInstanceThatCannotBeAnnouncedOnAPrivateBusIsOnTheMainBus)
 	EXPECT_EQ(bed.capture.complaints(), 1u);
 }
 
+TEST_F(DBus, AnInstanceIsRegisteredInItsOrder)
+{
+	hs_paper_plugin &ear = bed.add_plugin("Ear");
+	ear.add_setting({.title = "Gain"});
+	ear.add_setting({.title = "Depth"});
+	ear.add_event({.title = "Crack"});
+	ear.add_event({.title = "Noise", .type = "string", .value = "Detected", .is_public = true});
+	hs_source *source = ear.add_source(node_name);
+	bed.add_private();
+	strings found;
+	bed.run([&] {
+		ASSERT_TRUE(hs_dbus_setup_plugin_interfaces(source));
+		found = registered();
+	});
+	strings expected{"main com.orvel.HearSense.PluginInstance.Source",
+			 "private com.orvel.HearSense.PluginInstance.Source",
+			 "main com.orvel.HearSense.Settings.Ear.Schema", "main com.orvel.HearSense.Settings.Ear.Gain",
+			 "main com.orvel.HearSense.Settings.Ear.Depth"};
+	const auto expect_event = [&expected](const std::string &interface, const std::string &title) {
+		expected.push_back(interface + "." + title);
+		for (const std::string &member : event_members(interface))
+			expected.push_back(member.substr(0, member.find(' ', interface.size())));
+	};
+	expect_event("private " + std::string{crack_interface}, "Crack");
+	expect_event("main " + std::string{noise_interface}, "Noise");
+	expected.push_back("main " + std::string{noise_interface} + ".Methods.TriggerEvent");
+	EXPECT_EQ(found, expected);
+}
+
+TEST_F(DBus, AnInstanceIsAnnouncedOnPrivateBusesFirstAndCountsThoughNobodyHears)
+{
+	hs_paper_plugin &ear = bed.add_plugin("Ear");
+	ear.add_event({.title = "Bad", .type = "uint32", .value = "-1294967296", .is_public = true});
+	hs_source *source = ear.add_source(node_name);
+	bed.add_private(false);
+	bed.run([&] { EXPECT_TRUE(hs_dbus_setup_plugin_interfaces(source)); });
+	strings failures;
+	for (const hs_log_capture::line &line : bed.capture.lines()) {
+		if (line.level == SPA_LOG_LEVEL_ERROR)
+			failures.push_back(line.text.substr(0, line.text.find(" for path ")));
+	}
+	EXPECT_EQ(failures,
+		  (strings{"Failed to emit interfaces on private bus", "Failed to emit interfaces on main bus"}));
+	EXPECT_EQ(hs_refcount_get(bed.context->object_path_counts, node_path), 1u);
+	EXPECT_EQ(hs_refcount_get(bed.context->object_path_counts, chain_path), 1u);
+}
+
 TEST_F(DBus, AnAnnouncementThatFailsOnTheMainBusIsReported)
 {
 	hs_paper_plugin &ear = bed.add_plugin("Ear");
@@ -727,7 +832,7 @@ TEST_F(DBus, AnEventThatOneBusLacksIsSignalledOnTheOthersAndWarnedOfEachTime)
 	private_bus &whole = bed.add_private();
 	private_bus &lacking = bed.add_private();
 	int value = 0;
-	const sd_bus_vtable taken[] = {
+	static const sd_bus_vtable taken[] = {
 		SD_BUS_VTABLE_START(0),
 		SD_BUS_PROPERTY("Crack", "b", nullptr, 0, SD_BUS_VTABLE_PROPERTY_CONST),
 		SD_BUS_VTABLE_END,
