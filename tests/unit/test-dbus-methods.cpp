@@ -277,16 +277,19 @@ TEST_F(DBusMethods, ACallThatCannotBeAnsweredSaysSoAndDoesNothing)
 		sd_bus_close(bus.server);
 
 		sd_bus_message_rewind(kept, 1);
-		EXPECT_LT(hs_dbus_indicate_continuous_audio_disturbance(kept, record(continuous, bus.server), &error), 0);
+		EXPECT_EQ(hs_dbus_indicate_continuous_audio_disturbance(kept, record(continuous, bus.server), &error),
+			  -ENOTCONN);
 		EXPECT_STREQ(error.message, "Error while replying to IndicateContinuousAudioDisturbance method call.");
 		sd_bus_error_free(&error);
 
 		sd_bus_message_rewind(kept, 1);
-		EXPECT_LT(hs_dbus_indicate_internal_speaker_active(kept, record(internal_speaker, bus.server), &error), 0);
+		EXPECT_EQ(hs_dbus_indicate_internal_speaker_active(kept, record(internal_speaker, bus.server), &error),
+			  -ENOTCONN);
 		EXPECT_STREQ(error.message, "Error while replying to IndicateInternalSpeakerActive method call.");
 		sd_bus_error_free(&error);
 
-		EXPECT_LT(hs_dbus_indicate_transient_audio_disturbance(kept, record(transient, bus.server), &error), 0);
+		EXPECT_EQ(hs_dbus_indicate_transient_audio_disturbance(kept, record(transient, bus.server), &error),
+			  -ENOTCONN);
 		EXPECT_STREQ(error.name, "com.orvel.HearSense.Error");
 		EXPECT_STREQ(error.message, "Error while replying to IndicateTransientAudioDisturbance method call.");
 		sd_bus_message_unref(std::exchange(kept, nullptr));
@@ -343,6 +346,32 @@ TEST_F(DBusTrigger, SignalsAPublicEvent)
 		EXPECT_EQ(bed.client.contents(ear_path, "PropertiesChanged"),
 			  strings{changed(R"(["Detected": b true, "Report": b true])")});
 	});
+}
+
+TEST_F(DBusTrigger, AnswersBeforeItSignals)
+{
+	const sd_bus_message_handler_t on_answer = [](sd_bus_message *, void *data, sd_bus_error *) {
+		static_cast<strings *>(data)->emplace_back("answer");
+		return 1;
+	};
+	const sd_bus_message_handler_t on_message = [](sd_bus_message *message, void *data, sd_bus_error *) {
+		if (sd_bus_message_is_signal(message, nullptr, "PropertiesChanged"))
+			static_cast<strings *>(data)->emplace_back("signal");
+		return 0;
+	};
+	strings heard;
+	bed.run([&] {
+		publish_event(true);
+		ASSERT_TRUE(bed.client.ping());
+		sd_bus_slot *slots[2] = {};
+		sd_bus_add_filter(bed.client.connection(), &slots[0], on_message, &heard);
+		sd_bus_call_method_async(bed.client.connection(), &slots[1], HS_DBUS_SERVICE, ear_path,
+					 (noise + ".Methods").c_str(), "TriggerEvent", on_answer, &heard, nullptr);
+		const hs_slot_ptr filter{slots[0]};
+		const hs_slot_ptr call{slots[1]};
+		EXPECT_TRUE(bed.client.wait([&heard] { return heard.size() >= 2; }));
+	});
+	EXPECT_EQ(heard, (strings{"answer", "signal"}));
 }
 
 TEST_F(DBusTrigger, DoesNotSignalADisabledEvent)
