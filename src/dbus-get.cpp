@@ -203,6 +203,11 @@ int get_string(sd_bus *, const char *path, const char *interface, const char *pr
 	const auto *source = static_cast<const hs_source *>(data);
 	if (const entry entry = find_entry(source, interface, property); entry.found)
 		return answer(append_string(reply, source, property, entry), error, property, interface, path);
+	const bool of_shared_object =
+		spa_streq(interface, HS_DBUS_SOURCE_INTERFACE) || spa_streq(interface, HS_DBUS_CHAIN_INTERFACE);
+	if (!of_shared_object && spa_streq(property, "Source"))
+		return answer(sd_bus_message_append(reply, "o", source->node_path.c_str()), error, property, interface,
+			      path);
 	const std::optional<std::string> text = generate_string(source, interface, property);
 	if (!text)
 		return hs_dbus_property_fail(error, property, interface, path);

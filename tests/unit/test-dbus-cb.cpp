@@ -664,7 +664,23 @@ TEST_F(DBusProperty, TheNodeAndItsDeviceTellTheirNames)
 		EXPECT_EQ(call_getter("s", HS_DBUS_SOURCE_INTERFACE, name), -EIO) << name;
 	for (const char *name : {"EventName", "Schema", "Name"})
 		EXPECT_EQ(call_getter("s", HS_DBUS_CHAIN_INTERFACE, name), -EIO) << name;
-	EXPECT_GE(call_getter("s", HS_DBUS_INSTANCE_INTERFACE, "Name"), 0);
+}
+
+TEST_F(DBusProperty, ElsewhereAnInstanceTellsItsNameAndItsNode)
+{
+	for (const std::string interface : {settings_interface, event_interface, HS_DBUS_INSTANCE_INTERFACE})
+		EXPECT_EQ(read_fixed(interface, "s", "Name"), "s \"hs-AudioDevice0Input0.Unprocessed\"") << interface;
+
+	const auto source_of = [this](const char *interface) -> std::string {
+		if (call_getter("s", interface, "Source") < 0)
+			return "";
+		sd_bus_message_seal(reply.get(), 1, 0);
+		return sd_bus_message_get_signature(reply.get(), 1) + (" " + hs_render_all(reply.get()));
+	};
+	for (const char *interface : {settings_interface, event_interface, HS_DBUS_INSTANCE_INTERFACE})
+		EXPECT_EQ(source_of(interface), "o \"/com/orvel/HearSense/AudioDevice0Input0/Unprocessed\"");
+	for (const char *interface : {HS_DBUS_SOURCE_INTERFACE, HS_DBUS_CHAIN_INTERFACE})
+		EXPECT_EQ(source_of(interface), "");
 }
 
 TEST_F(DBusProperty, ObjectsPointToEachOther)
