@@ -380,6 +380,16 @@ TEST_F(DBusSet, WithoutSettingsNothingIsWrittenAndTheValueStaysUnread)
 	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
 }
 
+TEST_F(DBusSet, WithoutAnInterfaceNothingIsWritten)
+{
+	const int32_t value = 7;
+	const hs_message_ptr message = value_message("i", &value);
+	EXPECT_EQ(call_setter("i", nullptr, "Offset", message.get()), -EIO);
+	EXPECT_EQ(error_text(), refusal("Offset", "(null)"));
+	EXPECT_EQ(stored("Offset"), "1");
+	EXPECT_EQ(plugin.taken, strings{});
+}
+
 TEST_F(DBusSet, WithoutEventsNoneIsEnabled)
 {
 	run([&] {
