@@ -40,6 +40,15 @@ struct close_record {
 
 close_record closes;
 
+/** What the sockets of the last bus were asked to be. */
+struct socket_record {
+	int domain;
+	int type;
+	int protocol;
+};
+
+socket_record last_sockets;
+
 /** The user that the bus tells; without a value it tells the true one. */
 std::optional<uid_t> caller;
 
@@ -62,6 +71,7 @@ int __wrap_close(int fd)
 int __real_socketpair(int domain, int type, int protocol, int *fds);
 int __wrap_socketpair(int domain, int type, int protocol, int *fds)
 {
+	last_sockets = {domain, type, protocol};
 	return hs_must_fail("socketpair") ? -1 : __real_socketpair(domain, type, protocol, fds);
 }
 
@@ -357,6 +367,25 @@ TEST_F(PrivateBus, HasTheSharedObjectsTheInstancesAndTheirPrivateEvents)
 	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
 }
 
+TEST_F(PrivateBus, SourcesAreSetUpInTheOrderOfTheirPlugins)
+{
+	hs_paper_plugin &ear = bed.add_plugin("Ear");
+	hs_paper_plugin &nose = bed.add_plugin("Nose");
+	nose.add_source("D1.A");
+	ear.add_source("D2.A");
+	ear.add_source("D3.A");
+	bed.run([&] {
+		hs_bus_client &client = connect();
+		ASSERT_TRUE(client.ping());
+		strings announced;
+		for (const std::string &content : client.contents("/", "InterfacesAdded"))
+			announced.push_back(content.substr(0, content.find(',')));
+		const std::string root = "\"/com/orvel/HearSense/";
+		EXPECT_EQ(announced, (strings{root + "D2\"", root + "D2/A\"", root + "D3\"", root + "D3/A\"",
+					      root + "D1\"", root + "D1/A\""}));
+	});
+}
+
 TEST_F(PrivateBus, EachHasAnIdOfItsOwn)
 {
 	bed.run([&] {
@@ -376,6 +405,9 @@ TEST_F(PrivateBus, TheClientHasTheOnlyDescriptorOfItsEnd)
 		const int fd = take();
 		ASSERT_GE(fd, 0);
 		EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
+		EXPECT_EQ(last_sockets.domain, AF_UNIX);
+		EXPECT_EQ(last_sockets.type, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC);
+		EXPECT_EQ(last_sockets.protocol, 0);
 		EXPECT_EQ(count_buses(), 1u);
 		close(fd);
 		wait_for_buses(0);
