@@ -44,6 +44,9 @@ struct rights_library {
 
 rights_library rights;
 
+/** What the bus was last asked to tell of a sender. */
+uint64_t queried_mask;
+
 /** The user that the bus tells; without a value it tells the true one. */
 std::optional<uid_t> effective_user;
 std::optional<uid_t> real_user;
@@ -81,6 +84,7 @@ bool __wrap_vetto2_check_username(const char *username, const char *key, vetto2_
 int __real_sd_bus_query_sender_creds(sd_bus_message *message, uint64_t mask, sd_bus_creds **creds);
 int __wrap_sd_bus_query_sender_creds(sd_bus_message *message, uint64_t mask, sd_bus_creds **creds)
 {
+	queried_mask = mask;
 	return hs_must_fail("query") ? -errno : __real_sd_bus_query_sender_creds(message, mask, creds);
 }
 
@@ -194,6 +198,7 @@ TEST_F(Authorization, TheRightsLibraryIsAskedByUserAndProperty)
 {
 	rights.allows = true;
 	EXPECT_EQ(ask_on_main_bus(), "allowed");
+	EXPECT_EQ(queried_mask, 16u);
 	EXPECT_EQ(users.asked, std::vector<uid_t>{geteuid()});
 	EXPECT_EQ(rights.asked, strings{std::string{"ann "} + key});
 	EXPECT_FALSE(rights.was_dirty);
