@@ -20,6 +20,18 @@
 #include "loop-bed.hpp"
 #include "owned.hpp"
 
+namespace {
+
+/** What the last match has been set up with. */
+struct match_record {
+	sd_bus_message_handler_t callback;
+	void *data;
+};
+
+match_record last_match;
+
+} // namespace
+
 extern "C" {
 
 int __real_sd_bus_match_signal(sd_bus *bus, sd_bus_slot **slot, const char *sender, const char *path,
@@ -28,6 +40,7 @@ int __real_sd_bus_match_signal(sd_bus *bus, sd_bus_slot **slot, const char *send
 int __wrap_sd_bus_match_signal(sd_bus *bus, sd_bus_slot **slot, const char *sender, const char *path,
 			       const char *interface, const char *member, sd_bus_message_handler_t callback, void *data)
 {
+	last_match = {callback, data};
 	return hs_must_fail("match")
 		       ? -errno
 		       : __real_sd_bus_match_signal(bus, slot, sender, path, interface, member, callback, data);
@@ -382,6 +395,34 @@ TEST_F(FeatureFlag, ANullNameIsReportedAndEndsTheReading)
 	}));
 	EXPECT_FALSE(hs_failure_is_due());
 	EXPECT_EQ(complaints(), strings{"E Feature flag is null"});
+}
+
+TEST_F(FeatureFlag, AnAnnouncementIsDoneWithUnlessItIsOfTheFlag)
+{
+	hs_feature_flag_setup_dbus_signals(bus(), bed.get());
+	EXPECT_EQ(last_match.data, bed.get());
+	const auto result_of = [this](const fill_message &fill) {
+		sd_bus_message *created = nullptr;
+		sd_bus_message_new_signal(bus(), &created, object_path, service, "FeaturesSet");
+		const hs_message_ptr message{created};
+		fill(created);
+		sd_bus_message_seal(created, 1, 0);
+		return last_match.callback(created, last_match.data, nullptr);
+	};
+	EXPECT_TRUE(quits([&] {
+		EXPECT_EQ(result_of(names({"other"})), 1);
+		EXPECT_EQ(result_of(names({})), 1);
+		EXPECT_EQ(result_of([](sd_bus_message *m) { sd_bus_message_append_basic(m, 's', "other"); }), 1);
+		EXPECT_EQ(result_of([](sd_bus_message *message) {
+				  sd_bus_message_open_container(message, 'a', "s");
+				  append_broken_string(message);
+				  sd_bus_message_close_container(message);
+			  }),
+			  1);
+		hs_fail_call("read", 1, 0);
+		EXPECT_EQ(result_of(names({"other"})), 1);
+		EXPECT_EQ(result_of(names({"hear_sense_preview"})), 0);
+	}));
 }
 
 TEST_F(FeatureFlag, AMatchThatCannotBeSetUpIsReported)
