@@ -1,6 +1,7 @@
 #include "metrics.hpp"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -83,8 +84,9 @@ protected:
 
 	void expect_one_warning(const std::string &warning)
 	{
-		EXPECT_EQ(log.complaints(), 1u) << log.text();
+		ASSERT_EQ(log.complaints(), 1u) << log.text();
 		EXPECT_EQ(log.count(SPA_LOG_LEVEL_WARN, warning), 1u) << log.text();
+		EXPECT_EQ(log.lines().back().text, warning);
 	}
 
 	hs_temp_dir directory;
@@ -99,6 +101,11 @@ protected:
 using MetricsDeathTest = Metrics;
 
 } // namespace
+
+static_assert(offsetof(hs_metrics, type) < offsetof(hs_metrics, active));
+static_assert(offsetof(hs_metrics, active) < offsetof(hs_metrics, data));
+static_assert(offsetof(hs_source_metrics, source) < offsetof(hs_source_metrics, enabled_count));
+static_assert(offsetof(hs_source_metrics, enabled_count) < offsetof(hs_source_metrics, disabled_count));
 
 TEST_F(Metrics, ANewSourceGetsAFileWithZeroCounts)
 {
