@@ -433,6 +433,24 @@ TEST_F(DBusSet, EnablingAnEventIsNoSetting)
 	EXPECT_EQ(bed.capture.complaints(), 0u) << bed.capture.text();
 }
 
+TEST_F(DBusSet, EnableEventIsNoSettingEvenWhereOneHasThatTitle)
+{
+	hs_props_add_object(
+		source->settings,
+		{{"name", "EnableEvent"}, {"title", "EnableEvent"}, {"type", "boolean"}, {"value", "false"}});
+	run([&] {
+		EXPECT_EQ(set("EnableEvent", "b", 1), "");
+		EXPECT_EQ(stored("EnableEvent"), "false");
+		EXPECT_EQ(signals(), strings{changed("EnableEvent", "b false")});
+		/* The interface's last element is the plug-in's name. */
+		bool enabled = false;
+		EXPECT_TRUE(hs_loop_bus_get_event_status(bed.context->loop, bed.context->bus, source, "Ear", &enabled));
+		EXPECT_TRUE(enabled);
+	});
+	EXPECT_EQ(plugin.taken, strings{});
+	EXPECT_FALSE(std::filesystem::exists(file));
+}
+
 TEST_F(DBusSet, AnEventThatCannotBeSignalledIsEnabledAllTheSame)
 {
 	/* A public event is not on that bus. */
