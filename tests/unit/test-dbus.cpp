@@ -492,6 +492,21 @@ TEST_F(DBus, AnEventThatCannotBePublishedIsReportedAndAPublicOneStillCounts)
 	});
 }
 
+TEST_F(DBus, AnEventThatCannotBePublishedHasNoPropertiesEither)
+{
+	hs_paper_plugin &ear = bed.add_plugin("Ear");
+	ear.add_event({.title = "Open", .type = "struct", .is_public = true});
+	ear.add_event({.title = "Closed", .type = "struct"});
+	hs_source *source = ear.add_source(node_name);
+	private_bus &bus = bed.add_private();
+	bed.run([&] {
+		ASSERT_TRUE(bed.publish(source));
+		EXPECT_EQ(members_of(bed.client, ear_path, "com.orvel.HearSense.Events.Ear.Open"), strings{});
+		EXPECT_EQ(members_of(bus.client, ear_path, "com.orvel.HearSense.Events.Ear.Closed"), strings{});
+	});
+	EXPECT_EQ(bed.capture.complaints(), 2u) << bed.capture.text();
+}
+
 TEST_F(DBus, AnEventNamedLikeOneOfItsPropertiesIsReported)
 {
 	hs_paper_plugin &ear = bed.add_plugin("Ear");
