@@ -338,12 +338,13 @@ TEST_F(PcmEvent, BatchWithoutEventsAsksForNone)
 TEST_F(PcmEvent, BatchWarnsOfAnEventWithoutAPodAndGoesOn)
 {
 	store("B", "int32", "0");
-	plugin.events = {hs_describe_nothing, hs_describe_int("B", 5)};
+	plugin.events = {hs_describe_nothing, hs_describe_int("B", 5), hs_describe_nothing};
 	const hs_log_capture capture;
 	hs_pcm_handle_events(&source, false);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not fetch event with index 0"), 1u)
 	        << capture.text();
-	EXPECT_EQ(capture.complaints(), 1u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not fetch event with index 2"), 1u) << capture.text();
+	EXPECT_EQ(capture.complaints(), 2u) << capture.text();
 	EXPECT_EQ(stored("B"), "5");
 }
 
