@@ -283,6 +283,7 @@ TEST_F(PcmInstance, FailedInitStopsTheStream)
 		          1u)
 		        << capture.text();
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stop_line()), 1u) << capture.text();
+		EXPECT_EQ(capture.lines().back().text, stop_line()) << capture.text();
 	}
 }
 
@@ -387,6 +388,7 @@ TEST_F(PcmInstance, FailedActivateStopsTheStream)
 	        1u)
 	        << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stop_line()), 1u) << capture.text();
+	EXPECT_EQ(capture.lines().back().text, stop_line()) << capture.text();
 }
 
 TEST_F(PcmInstance, DeactivateClearsItsFlagFirst)
@@ -616,6 +618,8 @@ TEST_F(PcmStream, DestroyingSaysSoAndDeinitialisesThePausedInstance)
 	source->pcm = nullptr;
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, pcm + ": destroy pcm"), 1u) << capture.text();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stream + ": destroy stream"), 1u) << capture.text();
+	EXPECT_EQ(capture.lines()[0].text, pcm + ": destroy pcm");
+	EXPECT_EQ(capture.lines()[1].text, stream + ": destroy stream");
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, pcm + ": source disconnected"), 1u) << capture.text();
 	EXPECT_EQ(plugin->calls, calls{"deinit"});
 }
