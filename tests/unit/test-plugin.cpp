@@ -220,6 +220,7 @@ TEST(Plugin, FileThatCanNotBeReadGivesNoRecord)
 	EXPECT_EQ(load(bed, path), nullptr);
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not load plugin config file: " + path), 1u)
 		<< capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, ": destroy plugin ''"), 1u) << capture.text();
 	EXPECT_TRUE(spa_list_is_empty(&bed.context->plugins));
 }
 
