@@ -18,7 +18,13 @@
 #include "source.hpp"
 
 extern "C" {
+pw_properties *__real_pw_properties_new_string(const char *text);
 char *__real_strdup(const char *text);
+
+pw_properties *__wrap_pw_properties_new_string(const char *text)
+{
+	return hs_must_fail("pw_properties_new_string") ? nullptr : __real_pw_properties_new_string(text);
+}
 
 char *__wrap_strdup(const char *text)
 {
@@ -206,6 +212,8 @@ TEST(PluginDeathTest, NoMemoryAborts)
 		const loaded unused(plugin);
 	};
 	EXPECT_DEATH(load_without_memory("new"), "'plugin' failed at .*plugin.cpp:[0-9]+ hs_plugin_new\\(\\)");
+	EXPECT_DEATH(load_without_memory("pw_properties_new_string"),
+		     "'config' failed at .*plugin.cpp:[0-9]+ new_config\\(\\)");
 	EXPECT_DEATH(load_without_memory("strdup"),
 		     "'short_name_uc' failed at .*plugin.cpp:[0-9]+ load_spa_plugin\\(\\)");
 	EXPECT_DEATH(load_handle_without_memory(),
