@@ -1045,6 +1045,62 @@ INSTANTIATE_TEST_SUITE_P(
 				buffer.finish();
 			}));
 
+TEST(PodReadScalar, TellsWhatTheParserTells)
+{
+	const auto expect_alike = [](auto build) {
+		pod_buffer buffer;
+		buffer.describe();
+		build(&buffer.builder);
+		buffer.finish();
+		const hs_pod_ptr parsed = hs_pod_parse(buffer.pod());
+		ASSERT_NE(parsed, nullptr);
+		SCOPED_TRACE(*parsed->type);
+		hs_pod_scalar scalar;
+		ASSERT_TRUE(hs_pod_read_scalar(buffer.pod(), &scalar));
+		EXPECT_EQ(parsed->title, scalar.title);
+		EXPECT_EQ(parsed->type, scalar.type->name);
+		EXPECT_STREQ(scalar.value, parsed->value);
+	};
+	expect_alike([](auto *b) { spa_pod_builder_bool(b, true); });
+	expect_alike([](auto *b) { spa_pod_builder_id(b, 3000000000u); });
+	expect_alike([](auto *b) { spa_pod_builder_int(b, INT32_MIN); });
+	expect_alike([](auto *b) { spa_pod_builder_long(b, INT64_MIN); });
+	expect_alike([](auto *b) { spa_pod_builder_float(b, 0.1f); });
+	expect_alike([](auto *b) { spa_pod_builder_double(b, -DBL_MAX); });
+	expect_alike([](auto *b) { spa_pod_builder_string(b, std::string(511, 'x').c_str()); });
+}
+
+TEST(PodReadScalar, LeavesToTheParserWhatHasToBeCutOrMendedAndWhatHasNoName)
+{
+	const auto reads = [](const char *name, const std::string &value) {
+		pod_buffer buffer;
+		buffer.describe(name);
+		spa_pod_builder_string(&buffer.builder, value.c_str());
+		buffer.finish();
+		hs_pod_scalar scalar;
+		return hs_pod_read_scalar(buffer.pod(), &scalar);
+	};
+	EXPECT_TRUE(reads("name", "text"));
+	EXPECT_FALSE(reads("name", std::string(512, 'x')));
+	EXPECT_FALSE(reads("name", "te\xffxt"));
+	EXPECT_FALSE(reads("na\xffme", "text"));
+	EXPECT_FALSE(reads(nullptr, "text"));
+}
+
+TEST(PodReadScalar, ReadsNoArrayNoStructureAndNothingThatIsNoDescription)
+{
+	hs_pod_scalar scalar;
+	pod_buffer array;
+	build_array<int32_t>(array, SPA_TYPE_Int, {1});
+	EXPECT_FALSE(hs_pod_read_scalar(array.pod(), &scalar));
+	pod_buffer structure;
+	build_struct(structure);
+	EXPECT_FALSE(hs_pod_read_scalar(structure.pod(), &scalar));
+	pod_buffer number;
+	spa_pod_builder_int(&number.builder, 1);
+	EXPECT_FALSE(hs_pod_read_scalar(number.pod(), &scalar));
+}
+
 TEST(PodBuild, GivesAStructOfNameAndValueOfItsExactSize)
 {
 	const built setting{hs_pod_build("gain", "5", "int32", nullptr)};
