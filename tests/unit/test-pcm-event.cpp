@@ -436,6 +436,19 @@ TEST_F(PcmEvent, ValueThatWasSetOtherwiseIsReplacedByThePluginsOwn)
 	EXPECT_EQ(stored("A"), "5");
 }
 
+TEST_F(PcmEvent, WhatGaveTheValueIsKeptUntilAnotherComesFromElsewhere)
+{
+	store("A", "int32", "0");
+	store("B", "struct", "");
+	plugin.events = {hs_describe_int("A", 5), hs_describe_flags("B", members{{"Detected", true}})};
+	hs_pcm_handle_events(&source, false);
+	for (const hs_event &event : source.events) {
+		EXPECT_FALSE(event.said.empty()) << event.title;
+		hs_events_set_value(source.events, event.title.c_str(), "1");
+		EXPECT_TRUE(event.said.empty()) << event.title;
+	}
+}
+
 TEST_F(PcmEvent, ValueThatIsTooLongIsRefusedEachTime)
 {
 	store("A", "string", "short");
