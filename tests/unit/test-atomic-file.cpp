@@ -243,6 +243,18 @@ TEST_F(AtomicFile, CreatesFilesWithMode0644)
 	EXPECT_EQ(status.st_mode & 07777, 0644u);
 }
 
+TEST_F(AtomicFile, WritesWhereStandardInputIsClosed)
+{
+	const int input = dup(STDIN_FILENO);
+	ASSERT_GE(input, 0);
+	::close(STDIN_FILENO);
+	EXPECT_EQ(write("new"), 0);
+	dup2(input, STDIN_FILENO);
+	::close(input);
+	EXPECT_EQ(hs_read_text(path), "new");
+	EXPECT_TRUE(log.lines().empty()) << log.text();
+}
+
 TEST_F(AtomicFile, ANullPathIsWarnedOf)
 {
 	EXPECT_EQ(hs_atomic_file_write(nullptr, write_text, nullptr), -1);
