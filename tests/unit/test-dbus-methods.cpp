@@ -39,6 +39,18 @@ protected:
 		return bed.client.call(chain_path, HS_DBUS_CHAIN_INTERFACE, method, types, values...);
 	}
 
+	/** Calls as a client does who wants no answer. */
+	void tell(const std::string &path, const std::string &interface, const char *method)
+	{
+		sd_bus *connection = bed.client.connection();
+		sd_bus_message *message = nullptr;
+		sd_bus_message_new_method_call(connection, &message, HS_DBUS_SERVICE, path.c_str(), interface.c_str(),
+					       method);
+		const hs_message_ptr owned{message};
+		sd_bus_message_set_expect_reply(message, 0);
+		EXPECT_GE(sd_bus_send(connection, message, nullptr), 0);
+	}
+
 	/** Keeps the next method call on the bus for a test to hand to a handler itself. */
 	void keep_calls(sd_bus *bus)
 	{
@@ -145,6 +157,19 @@ TEST_F(DBusMethods, ATransientDisturbanceCountsThePluginsCounterUp)
 	bed.run([&] {
 		ASSERT_TRUE(bed.publish(source));
 		EXPECT_EQ(indicate(transient), "");
+		EXPECT_TRUE(bed.client.ping());
+	});
+	EXPECT_EQ(ear.told, strings{"IndicateTransientAudioDisturbance=42"});
+}
+
+TEST_F(DBusMethods, ADisturbanceIsToldForACallerWhoWantsNoAnswerToo)
+{
+	hs_paper_plugin &ear = bed.add_plugin("Ear");
+	ear.transient_count = 41;
+	hs_source *source = ear.add_source(node_name);
+	bed.run([&] {
+		ASSERT_TRUE(bed.publish(source));
+		tell(chain_path, HS_DBUS_CHAIN_INTERFACE, transient);
 		EXPECT_TRUE(bed.client.ping());
 	});
 	EXPECT_EQ(ear.told, strings{"IndicateTransientAudioDisturbance=42"});
@@ -372,6 +397,17 @@ TEST_F(DBusTrigger, AnswersBeforeItSignals)
 		EXPECT_TRUE(bed.client.wait([&heard] { return heard.size() >= 2; }));
 	});
 	EXPECT_EQ(heard, (strings{"answer", "signal"}));
+}
+
+TEST_F(DBusTrigger, SignalsForACallerWhoWantsNoAnswerToo)
+{
+	bed.run([&] {
+		publish_event(true);
+		tell(ear_path, noise + ".Methods", "TriggerEvent");
+		ASSERT_TRUE(bed.client.ping());
+		EXPECT_EQ(bed.client.contents(ear_path, "PropertiesChanged"),
+			  strings{changed(R"(["Detected": b true, "Report": b true])")});
+	});
 }
 
 TEST_F(DBusTrigger, DoesNotSignalADisabledEvent)
