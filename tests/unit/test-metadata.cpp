@@ -357,6 +357,20 @@ TEST_F(Metadata, SourcesOfAPluginAreRestartedInTheirOrder)
 	EXPECT_EQ(order, (std::vector<size_t>{0, 1, 2}));
 }
 
+TEST_F(Metadata, InstanceHasItsOldTextsUntilItIsDeinitialised)
+{
+	hs_source *source = add_source("AudioDevice0Input0.Unprocessed", 1);
+	set(device_key, internal_a1);
+	std::string at_deinit;
+	bed.host.plugins[0]->at_call = [&](const std::string &method) {
+		if (method == "deinit")
+			at_deinit = source->pcm->info.connection_type;
+	};
+	set(device_key, "{ connection_type = other }");
+	EXPECT_EQ(at_deinit, "internal");
+	EXPECT_STREQ(source->pcm->info.connection_type, "other");
+}
+
 TEST_F(Metadata, TextsAreCutAt127BytesAndAbsentOnesAreEmpty)
 {
 	const hs_source *source = add_source("AudioDevice0Input0.Unprocessed", 1);
