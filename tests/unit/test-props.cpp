@@ -218,6 +218,13 @@ TEST(PropsFind, CopesWithMalformedObjects)
 	}
 }
 
+TEST(PropsFind, AKeyWithoutValueIsNoTitle)
+{
+	const hs_properties_ptr table = make_table({{"a", "{ title }"}});
+	EXPECT_EQ(hs_props_find(table.get(), ""), nullptr);
+	EXPECT_NE(hs_props_find(table.get(), nullptr), nullptr);
+}
+
 TEST(PropsFind, AStructureIsNoTitle)
 {
 	const hs_properties_ptr table = make_table({{"a", "{ title = [ x ] }"}, {"b", "{ title = { x = y } }"}});
