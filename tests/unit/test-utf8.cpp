@@ -14,6 +14,8 @@ constexpr std::string_view taken[] = {
 	"\xe2\x82\xac"sv,
 	"\xf0\x9f\x8e\xa4"sv,
 	"\xc2\x80"sv,
+	"\xe0\xa0\x80"sv,
+	"\xf0\x90\x80\x80"sv,
 	"\xed\x9f\xbf"sv,
 	"\xee\x80\x80"sv,
 	"\xf4\x8f\xbf\xbd"sv,
@@ -27,7 +29,9 @@ constexpr std::string_view refused[] = {
 	"\xe2\x82"sv,	      /* cut */
 	"\xc0\xaf"sv,	      /* overlong */
 	"\xe0\x80\xaf"sv,     /* overlong */
+	"\xe0\x9f\xbf"sv,     /* overlong */
 	"\xf0\x80\x80\xaf"sv, /* overlong */
+	"\xf0\x8f\xbf\xbd"sv, /* overlong */
 	"\xed\xa0\x80"sv,     /* surrogate */
 	"\xed\xbf\xbf"sv,     /* surrogate */
 	"\xef\xb7\x90"sv,     /* noncharacter */
