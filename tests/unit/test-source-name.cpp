@@ -48,6 +48,7 @@ TEST(SourceName, DisplayHasABlankBeforeUpperCaseLettersAndNumbers)
 	EXPECT_EQ(hs_source_name_to_display("AudioDevice12Input345"), "Audio Device 12 Input 345");
 	EXPECT_EQ(hs_source_name_to_display("micFront"), "mic Front");
 	EXPECT_EQ(hs_source_name_to_display("ABC"), "A B C");
+	EXPECT_EQ(hs_source_name_to_display("midZoneA"), "mid Zone A");
 	EXPECT_EQ(hs_source_name_to_display(""), "");
 }
 
