@@ -163,6 +163,21 @@ struct PcmStream : testing::Test {
 		return value ? value : "(none)";
 	}
 
+	/** In the graph; a stream is one of them. */
+	size_t count_nodes()
+	{
+		bed.settle();
+		size_t n_nodes = 0;
+		pw_context_for_each_global(bed.pipewire, count_node, &n_nodes);
+		return n_nodes;
+	}
+
+	static int count_node(void *n_nodes, pw_global *global)
+	{
+		*static_cast<size_t *>(n_nodes) += pw_global_is_type(global, PW_TYPE_INTERFACE_Node);
+		return 0;
+	}
+
 	/* The three calls that the stream makes. */
 
 	void change_state(pw_stream_state old, pw_stream_state state, const char *error = nullptr) const
@@ -626,6 +641,7 @@ TEST_F(PcmStream, DestroyingSaysSoAndDeinitialisesThePausedInstance)
 
 TEST_F(PcmStream, OneThatIsStillBeingSetUpIsDestroyedOnceItIs)
 {
+	const size_t n_nodes = count_nodes();
 	make_source();
 	ASSERT_EQ(pw_stream_get_state(source->pcm->stream, nullptr), PW_STREAM_STATE_CONNECTING);
 	const std::string stream = address(source->pcm->stream);
@@ -641,6 +657,7 @@ TEST_F(PcmStream, OneThatIsStillBeingSetUpIsDestroyedOnceItIs)
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, stream + ": destroy retired stream"), 1u) << capture.text();
 	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
 	EXPECT_TRUE(spa_list_is_empty(&hs_context_get()->retired_streams));
+	EXPECT_EQ(count_nodes(), n_nodes);
 }
 
 TEST_F(PcmStream, OneThatNeverGetsSetUpIsDestroyedWithTheContext)
