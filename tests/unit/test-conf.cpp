@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -406,6 +407,20 @@ TEST_F(ConfLoadConf, ATextThatEndsInsideAnObjectAtTheEndOfAPageIsRead)
 		EXPECT_TRUE(load(text));
 		EXPECT_STREQ(get("a"), "1");
 	}
+}
+
+TEST_F(ConfLoadConf, AFileIsClosedWhoseDescriptorIsThatOfStandardInput)
+{
+	hs_write_text(file, "{ a = 1 }");
+	const int input = dup(STDIN_FILENO);
+	ASSERT_GE(input, 0);
+	close(STDIN_FILENO);
+	const bool is_loaded = hs_conf_load_conf(file.c_str(), table.get());
+	const bool is_closed = fcntl(STDIN_FILENO, F_GETFD) < 0;
+	dup2(input, STDIN_FILENO);
+	close(input);
+	EXPECT_TRUE(is_loaded);
+	EXPECT_TRUE(is_closed);
 }
 
 TEST_F(ConfLoadConf, AMissingFileIsWarnedOf)
