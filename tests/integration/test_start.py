@@ -1,6 +1,7 @@
 """Start-up, the command line and the exit statuses."""
 
 import re
+import resource
 import signal
 import subprocess
 
@@ -284,6 +285,11 @@ def test_audio_arrives_on_the_main_thread(bed):
     bed.start()
     plugin.wait_call("process")
     assert all(call["main_thread"] for call in plugin.record())
+
+
+def test_soft_limit_of_descriptors_is_raised_to_the_hard_one(bed):
+    daemon, _ = bed.start(wrapper=["prlimit", "--nofile=64:128", "--"])
+    assert resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE) == (128, 128)
 
 
 def test_bus_that_goes_away_ends_the_daemon_with_0(own_bed):
