@@ -367,6 +367,7 @@ TEST_F(Metadata, InstanceHasItsOldTextsUntilItIsDeinitialised)
 			at_deinit = source->pcm->info.connection_type;
 	};
 	set(device_key, "{ connection_type = other }");
+	bed.host.plugins[0]->at_call = nullptr;
 	EXPECT_EQ(at_deinit, "internal");
 	EXPECT_STREQ(source->pcm->info.connection_type, "other");
 }
