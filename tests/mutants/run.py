@@ -26,7 +26,8 @@ import mutations
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
-# Mutants that nobody can tell from the original: the file, the line and that before, the change, and why. Others take their place.
+# Mutants that nobody can tell from the original: the file, the line and that before, the change, and why. Others
+# take their place.
 EQUIVALENT = ROOT / "tests/mutants/equivalent.tsv"
 
 # The part of a module's mutants that has to be caught.
@@ -120,6 +121,10 @@ OPTIONS = (
 
 # What is never freed shows nowhere else.
 SANITIZED = ("-Db_sanitize=address", "-Db_lundef=false")
+
+# The same of what has no unit tests, as in test.sh.
+WITH_VALGRIND = ("life",)
+VALGRIND = "valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite,possible --error-exitcode=97"
 
 # In this order; each kind tries what the one before has left.
 KINDS = ("unit", "others", "sanitized", "integration")
@@ -215,19 +220,16 @@ class Bench:
             status, text = self.run(name, command)
             if status == 0:
                 return None
-            if status is None:
-                return f"{name}: too slow"
             names = re.findall(failed, text)
             status, _ = self.run(name, again(names) if names else command)
+            if status is None:
+                return f"{name}: too slow"
             if status != 0:
                 return f"{name}: {names[0] if names else 'ended badly'}"
         return None
 
     def unit(self, name):
         return self.program(f"test-{name}", self.build_folder)
-
-    def others(self, name):
-        return self.unit(name)
 
     def sanitized(self, name):
         return self.program(f"test-{name}", self.sanitized_folder)
@@ -241,37 +243,42 @@ class Bench:
             lambda names: [program, "--gtest_brief=1", "--gtest_filter=" + ":".join(names)],
         )
 
-    def integration(self, name):
-        command = ["/usr/bin/python3", "-m", "pytest", "-p", "no:cacheprovider", "-q", "-x"]
+    def integration(self, name, *options):
+        command = ["/usr/bin/python3", "-m", "pytest", "-p", "no:cacheprovider", "-q", "-x", *options]
         path = f"tests/integration/test_{name}.py"
         return self.catches(
-            path,
+            " ".join([path, *options[:1]]),
             [*command, path],
             rf"(?m)^(?:FAILED|ERROR) {path}::(.+?)(?: - .*)?$",
             lambda names: [*command, *(f"{path}::{name}" for name in names)],
         )
 
+    def valgrind(self, name):
+        return self.integration(name, f"--daemon-wrapper={VALGRIND}")
+
     def steps(self, module):
-        """What to build, and who then tries which tests."""
+        """The kind of tests, what to build for them, who tries them, and which."""
         own = own_units(module)
-        others = [] if module == "main" else [name for name in unit_tests() if name not in own]
         if "unit" in self.kinds:
-            yield self.build_folder, targets(own), self.unit, own
-        if "others" in self.kinds:
-            yield self.build_folder, targets(others), self.others, others
-        if "sanitized" in self.kinds:
-            yield self.sanitized_folder, targets(own), self.sanitized, own
+            yield "unit", self.build_folder, targets(own), self.unit, own
+        if "others" in self.kinds and module != "main":
+            others = [name for name in unit_tests() if name not in own]
+            yield "others", self.build_folder, targets(others), self.unit, others
+        if "sanitized" in self.kinds and own:
+            yield "sanitized", self.sanitized_folder, targets(own), self.sanitized, own
         if "integration" in self.kinds:
-            yield self.build_folder, PROGRAMS, self.integration, INTEGRATION[module]
+            yield "integration", self.build_folder, PROGRAMS, self.integration, INTEGRATION[module]
+            if not own:
+                yield "integration", self.build_folder, PROGRAMS, self.valgrind, WITH_VALGRIND
 
     def verdict(self, module):
         """Tries what stands in the copy now."""
-        for folder, goals, try_one, names in self.steps(module):
+        for kind, folder, goals, try_one, names in self.steps(module):
             if names and ninja(folder, goals).returncode != 0:
                 return BROKEN
             for name in names:
                 if caught := try_one(name):
-                    return f"{try_one.__name__}: {caught}"
+                    return f"{kind}: {caught}"
         return LEFT
 
     def try_mutant(self, module, mutant):
@@ -401,7 +408,7 @@ def with_bench(benches, do):
 
 
 def set_up(pool, folder, arguments, modules):
-    """The benches, after everything has passed on them: nothing can be said of a mutant by a test that fails anyway."""
+    """The benches, after everything has passed on them: a test that fails anyway says nothing of a mutant."""
     print("Building with nothing put wrong", flush=True)
     seconds = {}
     benches = queue.SimpleQueue()
@@ -417,6 +424,8 @@ def set_up(pool, folder, arguments, modules):
     tries = [(Bench.unit, name) for name in unit_tests() if {"unit", "others"} & {*arguments.tests}]
     tries += [(Bench.sanitized, name) for name in sorted(own) if "sanitized" in arguments.tests]
     tries += [(Bench.integration, name) for name in sorted(integration) if "integration" in arguments.tests]
+    if "integration" in arguments.tests and any(not own_units(module) for module in modules):
+        tries += [(Bench.valgrind, name) for name in WITH_VALGRIND]
     for failed in pool.map(with_bench(benches, lambda bench, test: test[0](bench, test[1])), tries):
         if failed:
             sys.exit(f"This fails with nothing put wrong: {failed}")
