@@ -639,6 +639,17 @@ TEST_F(PcmStream, DestroyingSaysSoAndDeinitialisesThePausedInstance)
 	EXPECT_EQ(plugin->calls, calls{"deinit"});
 }
 
+TEST_F(PcmStream, OneThatIsSetUpLeavesTheGraphAtOnce)
+{
+	const size_t n_nodes = count_nodes();
+	make_source();
+	ASSERT_EQ(count_nodes(), n_nodes + 1);
+	ASSERT_NE(pw_stream_get_state(source->pcm->stream, nullptr), PW_STREAM_STATE_CONNECTING);
+	hs_pcm_destroy(source->pcm);
+	source->pcm = nullptr;
+	EXPECT_EQ(count_nodes(), n_nodes);
+}
+
 TEST_F(PcmStream, OneThatIsStillBeingSetUpIsDestroyedOnceItIs)
 {
 	const size_t n_nodes = count_nodes();
