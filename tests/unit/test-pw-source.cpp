@@ -159,6 +159,8 @@ TEST(PwSourcePattern, WhoseRepetitionsWouldFillTheMemoryDoesNotCompile)
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^(x{2,25}){10}$", xs.c_str()));
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^x+x+x+x+x+x+x+x+x+x+x+x+$", xs.c_str()));
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^[x+]{100}[[:alpha:]+{}]{100}\\(?x", xs.c_str()));
+	EXPECT_TRUE(hs_pw_source_matches_pattern("^[]x{99}{99}]$", "x"));
+	EXPECT_TRUE(hs_pw_source_matches_pattern("^[^]{99}{99}]$", "x"));
 }
 
 TEST(PwSourceConfig, IsTheFirstEntryOfThatNode)
