@@ -639,14 +639,23 @@ TEST_F(PcmStream, DestroyingSaysSoAndDeinitialisesThePausedInstance)
 	EXPECT_EQ(plugin->calls, calls{"deinit"});
 }
 
-TEST_F(PcmStream, OneThatIsSetUpLeavesTheGraphAtOnce)
+TEST_F(PcmStream, OneThatIsSetUpIsDestroyedAtOnce)
 {
 	const size_t n_nodes = count_nodes();
 	make_source();
 	ASSERT_EQ(count_nodes(), n_nodes + 1);
 	ASSERT_NE(pw_stream_get_state(source->pcm->stream, nullptr), PW_STREAM_STATE_CONNECTING);
+	bool is_destroyed = false;
+	spa_hook listener{};
+	pw_stream_events events{};
+	events.version = PW_VERSION_STREAM_EVENTS;
+	events.destroy = [](void *flag) { *static_cast<bool *>(flag) = true; };
+	pw_stream_add_listener(source->pcm->stream, &listener, &events, &is_destroyed);
 	hs_pcm_destroy(source->pcm);
 	source->pcm = nullptr;
+	EXPECT_TRUE(is_destroyed);
+	if (!is_destroyed)
+		spa_hook_remove(&listener);
 	EXPECT_EQ(count_nodes(), n_nodes);
 }
 
