@@ -80,22 +80,22 @@ protected:
 			own_description += " (" + unit + ")";
 		if (!detail::is_text(own_description))
 			detail::refuse(own_title, "has a description that is not UTF-8");
-		spa_pod_builder measure{};
-		build_head(&measure);
-		head.resize(measure.state.offset);
-		spa_pod_builder builder = SPA_POD_BUILDER_INIT(head.data(), static_cast<uint32_t>(head.size()));
-		build_head(&builder);
+		write_head();
 	}
 	virtual ~described() = default;
 
 private:
-	void build_head(spa_pod_builder *builder) const
+	void write_head()
 	{
-		spa_pod_builder_prop(builder, SPA_PROP_INFO_name, 0);
-		spa_pod_builder_string(builder, own_title.c_str());
-		spa_pod_builder_prop(builder, SPA_PROP_INFO_description, 0);
-		spa_pod_builder_string(builder, own_description.c_str());
-		spa_pod_builder_prop(builder, SPA_PROP_INFO_type, 0);
+		/* Three keys and two texts, each with its size and what rounds it up. */
+		head.resize(64 + own_title.size() + own_description.size());
+		spa_pod_builder builder = SPA_POD_BUILDER_INIT(head.data(), static_cast<uint32_t>(head.size()));
+		spa_pod_builder_prop(&builder, SPA_PROP_INFO_name, 0);
+		spa_pod_builder_string(&builder, own_title.c_str());
+		spa_pod_builder_prop(&builder, SPA_PROP_INFO_description, 0);
+		spa_pod_builder_string(&builder, own_description.c_str());
+		spa_pod_builder_prop(&builder, SPA_PROP_INFO_type, 0);
+		head.resize(builder.state.offset);
 	}
 
 	std::string own_title;
