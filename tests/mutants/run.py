@@ -148,12 +148,13 @@ class Bench:
         # How long each test took when nothing was wrong; all benches know.
         self.seconds = seconds
         self.bring_sources()
+        own = sorted({name for module in modules for name in own_units(module)})
         if {"unit", "others"} & {*kinds}:
-            self.set_up(self.build_folder, (*targets(unit_tests()), UNIT_LIBRARY), OPTIONS)
+            names = unit_tests() if "others" in kinds else own
+            self.set_up(self.build_folder, (*targets(names), UNIT_LIBRARY), OPTIONS)
         if "integration" in kinds:
             self.set_up(self.build_folder, (*PROGRAMS, *PLUGINS), OPTIONS)
         if "sanitized" in kinds:
-            own = sorted({name for module in modules for name in own_units(module)})
             environment = {"CC": "clang-14", "CXX": "clang++-14"}
             self.set_up(self.sanitized_folder, (*targets(own), UNIT_LIBRARY), (*OPTIONS, *SANITIZED), environment)
 
@@ -247,7 +248,7 @@ class Bench:
         command = ["/usr/bin/python3", "-m", "pytest", "-p", "no:cacheprovider", "-q", "-x", *options]
         path = f"tests/integration/test_{name}.py"
         return self.catches(
-            " ".join([path, *options[:1]]),
+            f"{path} with valgrind" if options else path,
             [*command, path],
             rf"(?m)^(?:FAILED|ERROR) {path}::(.+?)(?: - .*)?$",
             lambda names: [*command, *(f"{path}::{name}" for name in names)],
@@ -421,7 +422,8 @@ def set_up(pool, folder, arguments, modules):
     print("Trying the tests with nothing put wrong", flush=True)
     own = {name for module in modules for name in own_units(module)}
     integration = {name for module in modules for name in INTEGRATION[module]}
-    tries = [(Bench.unit, name) for name in unit_tests() if {"unit", "others"} & {*arguments.tests}]
+    units = unit_tests() if "others" in arguments.tests else sorted(own)
+    tries = [(Bench.unit, name) for name in units if {"unit", "others"} & {*arguments.tests}]
     tries += [(Bench.sanitized, name) for name in sorted(own) if "sanitized" in arguments.tests]
     tries += [(Bench.integration, name) for name in sorted(integration) if "integration" in arguments.tests]
     if "integration" in arguments.tests and any(not own_units(module) for module in modules):
