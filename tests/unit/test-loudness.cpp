@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <initializer_list>
 #include <limits>
 #include <memory>
 #include <numbers>
@@ -252,7 +253,7 @@ TEST(LoudnessMeter, HearsEverySample)
 	ASSERT_EQ(n % 8, 2U);
 	std::vector<float> silence(n);
 	std::vector<float> click(n);
-	for (const size_t at : {0, 1, 2, 3, 4, 5, 6, 7, 8, 2000, 4406, 4407, 4408, 4409}) {
+	for (const size_t at : std::initializer_list<size_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 2000, 4406, 4407, 4408, 4409}) {
 		click[at] = -0.5F;
 		const loudness_values look = meter->look(std::array<std::span<const float>, 2>{silence, click});
 		EXPECT_NEAR(look.peak, -6.0206, 1e-4) << at;
