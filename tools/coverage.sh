@@ -10,7 +10,7 @@ least_branches=85
 usage()
 {
 	cat <<-END
-	Usage: tools/coverage.sh [--report] [BUILD]
+	Usage: tools/coverage.sh [--reset | --report] [BUILD]
 
 	Builds in BUILD (build-coverage without one) with clang, runs the unit and the integration tests there, and prints
 	which lines and branches of src/ they leave out, then a table. Ends with status 1 where they run less than
