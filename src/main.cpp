@@ -12,6 +12,7 @@
 #include <systemd/sd-bus.h>
 
 #include <getopt.h>
+#include <sched.h>
 #include <sys/resource.h>
 
 #include <vetto2.h>
@@ -87,6 +88,17 @@ void raise_descriptor_limit()
 		return;
 	limit.rlim_cur = limit.rlim_max;
 	setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/*
+ * The buffers of all streams come at about one moment, each announced by PipeWire's own thread. Where the loop
+ * took the processor from that thread at the first, it would wake once for each.
+ */
+void let_buffers_gather()
+{
+	const sched_param none{};
+	if (sched_setscheduler(0, SCHED_BATCH, &none) < 0)
+		pw_log_debug("Could not have the loop wait for its turn: %m");
 }
 
 /** Returns a negative errno, or 0 or more with the bus open. */
@@ -200,6 +212,7 @@ int run_daemon(daemon_parts *parts, const char *config_path)
 {
 	if (!connect_pipewire(parts))
 		return -1;
+	let_buffers_gather();
 	pw_registry *registry = pw_core_get_registry(parts->core, PW_VERSION_REGISTRY, 0);
 	if (!registry) {
 		pw_log_error("Could not get the registry of PipeWire: %m");

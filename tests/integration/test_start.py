@@ -1,5 +1,6 @@
 """Start-up, the command line and the exit statuses."""
 
+import os
 import re
 import resource
 import signal
@@ -285,6 +286,13 @@ def test_audio_arrives_on_the_main_thread(bed):
     bed.start()
     plugin.wait_call("process")
     assert all(call["main_thread"] for call in plugin.record())
+
+
+def test_loop_waits_for_its_turn_and_the_thread_that_brings_buffers_does_not(bed):
+    daemon, _ = bed.start()
+    policies = {int(tid): os.sched_getscheduler(int(tid)) for tid in os.listdir(f"/proc/{daemon.pid}/task")}
+    assert policies.pop(daemon.pid) == os.SCHED_BATCH
+    assert policies and os.SCHED_BATCH not in policies.values()
 
 
 def test_soft_limit_of_descriptors_is_raised_to_the_hard_one(bed):
