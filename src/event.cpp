@@ -60,9 +60,9 @@ void describe(hs_events *events, hs_plugin_interface *interface, uint32_t index)
 	const hs_pod_ptr pod = hs_pod_parse(hs_plugin_fetch_event(interface, index, &buffer));
 	if (!pod || !pod->title || pod->title->empty() || hs_events_find(*events, pod->title->c_str()))
 		return;
-	hs_event event{*pod->title,    hs_schema_type_by_name(hs_c_str(pod->type)),
-		       pod->signature, hs_pod_value_text(*pod),
-		       index,	       {}};
+	hs_event event{index,	       {},
+		       *pod->title,    hs_schema_type_by_name(hs_c_str(pod->type)),
+		       pod->signature, hs_pod_value_text(*pod)};
 	if (fits(event, event.value.c_str()))
 		events->push_back(std::move(event));
 	else
@@ -216,6 +216,19 @@ bool hs_events_update(hs_events &events, const hs_pod &event, bool *report_chang
 	const news result = update(events, nullptr, event);
 	*report_changed = result.report_changed;
 	return result.found == verdict::changed;
+}
+
+void hs_events_prefetch(const hs_events &events)
+{
+	/* More than this on their way at once would only wait for each other. */
+	constexpr size_t most_events = 4;
+	constexpr size_t most_bytes = 512;
+	constexpr size_t cache_line = 64;
+	for (size_t i = 0; i < std::min(events.size(), most_events); ++i) {
+		const std::vector<std::byte> &said = events[i].said;
+		for (size_t offset = 0; offset < std::min(said.size(), most_bytes); offset += cache_line)
+			__builtin_prefetch(&said[offset]);
+	}
 }
 
 void hs_events_handle_all(hs_plugin_interface *interface, hs_events &events, bool force, hs_event_tell tell, void *data)

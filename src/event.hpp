@@ -17,16 +17,16 @@ struct hs_pod;
 struct hs_schema_type;
 
 struct hs_event {
+	/** The plug-in's index. */
+	uint32_t index;
+	/** The POD that gave `value`, for a quick look whether there is news; empty where it came otherwise. */
+	std::vector<std::byte> said;
 	std::string title;
 	const hs_schema_type *type;
 	/** D-Bus signature of an array or structure; empty for a scalar. */
 	std::string complex_type;
 	/** The last accepted value as text; see hs_pod_value_text. */
 	std::string value;
-	/** The plug-in's index. */
-	uint32_t index;
-	/** The POD that gave `value`, for a quick look whether there is news; empty where it came otherwise. */
-	std::vector<std::byte> said;
 };
 
 /** By rising index. */
@@ -44,6 +44,9 @@ hs_events hs_events_describe(hs_plugin_interface *interface, int n_events);
 /** The event of that title; null where there is none. */
 hs_event *hs_events_find(hs_events &events, const char *title);
 const hs_event *hs_events_find(const hs_events &events, const char *title);
+
+/** Every event is looked at soon: what they said last has left the cache, and comes back meanwhile. */
+void hs_events_prefetch(const hs_events &events);
 
 /** Looks at every event; `force` tells of unchanged ones too. */
 void hs_events_handle_all(hs_plugin_interface *interface, hs_events &events, bool force, hs_event_tell tell,

@@ -152,9 +152,17 @@ pw_buffer *dequeue_buffer(hs_pcm *pcm)
 	return check_buffer(buffer) ? buffer : nullptr;
 }
 
+/** They have left the cache since the last buffer, and come back while PipeWire looks for this one. */
+void prefetch(const hs_source *source)
+{
+	__builtin_prefetch(source->interface);
+	__builtin_prefetch(source->events.data());
+}
+
 void process(hs_pcm *pcm)
 {
 	hs_source *source = pcm->source;
+	prefetch(source);
 	HS_ASSERT(source->handle);
 	pw_log_trace("process");
 
@@ -164,6 +172,7 @@ void process(hs_pcm *pcm)
 		return;
 	}
 	if (source->is_active) {
+		hs_events_prefetch(source->events);
 		hs_plugin_process(source->interface, buffer->buffer);
 		hs_pcm_handle_events(source, false);
 	}

@@ -18,19 +18,20 @@ struct hs_pw_source;
 struct hs_source;
 
 struct hs_pcm {
-	/** Owned; null where it could not be created. */
-	pw_stream *stream;
-	spa_hook listener;
-	/** What the plug-in's init is given. */
-	hs_stream_info info;
+	/* As in hs_source, what each buffer needs is first. */
 	/** Borrowed: the owner. */
 	hs_source *source;
+	/** Owned; null where it could not be created. */
+	pw_stream *stream;
 	/** Borrowed; null once the node is gone. */
 	hs_pw_source *node;
 	/** We have set the stream active. */
 	bool stream_active;
 	/** A format was configured at least once. */
 	bool format_ready;
+	spa_hook listener;
+	/** What the plug-in's init is given. */
+	hs_stream_info info;
 };
 
 /** Makes the record and its inactive stream; without a stream where that fails. */

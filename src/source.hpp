@@ -25,17 +25,29 @@ struct hs_plugin_interface;
 struct hs_pw_source;
 
 struct hs_source {
+	/* What each buffer needs is first, side by side: it has left the cache since the last buffer. */
+	hs_plugin_interface *interface;
+	/** Owned. */
+	spa_handle *handle;
+	/** Owned; null once the node is going. */
+	hs_pcm *pcm;
+	hs_events events;
+	/** Of the plug-in instance; written by the pcm module only. */
+	bool is_initialized;
+	bool is_active;
+	/** The "Enable" setting. */
+	bool enabled;
+	/** It is counted in the context's path counts. */
+	bool holds_paths;
+
 	/** Name of the node. */
 	std::string name;
 	/** `name` up to its first "."; on the bus the id of the audio chain. */
 	std::string device_name;
 	/** See source-settings.hpp; owned. */
 	pw_properties *settings;
-	hs_events events;
 	/** "name", "rate", "format", "channels", "position" of an explicit definition; owned, may be null. */
 	pw_properties *stream_config;
-	/** Owned; null once the node is going. */
-	hs_pcm *pcm;
 	std::string settings_interface;
 	/** By position in `events`; events that were left out there leave empty slots at the end. */
 	std::vector<std::string> event_interfaces;
@@ -47,18 +59,8 @@ struct hs_source {
 	std::string object_path;
 	std::string node_path;
 	std::string device_path;
-	/** Owned. */
-	spa_handle *handle;
-	hs_plugin_interface *interface;
 	/** Borrowed: the owner. */
 	hs_plugin *plugin;
-	/** The "Enable" setting. */
-	bool enabled;
-	/** Of the plug-in instance; written by the pcm module only. */
-	bool is_initialized;
-	bool is_active;
-	/** It is counted in the context's path counts. */
-	bool holds_paths;
 	/** How often an event of this source is enabled on a bus. */
 	uint64_t consumers;
 	/** Owned; null without a metrics directory. */

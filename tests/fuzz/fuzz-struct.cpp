@@ -97,7 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	source.name = "AudioDevice0Input0.Unprocessed";
 	source.plugin = &plugin;
 	source.interface = &interface;
-	source.events = {{"Alarm", hs_schema_type_by_name("struct"), signature, value, 0, {}}};
+	source.events = {{0, {}, "Alarm", hs_schema_type_by_name("struct"), signature, value}};
 
 	const hs_message_ptr answer = read_property(&source, signature);
 	const hs_message_ptr again = read_property(&source, signature);

@@ -109,7 +109,8 @@ public:
 	}
 
 	std::string name;
-	hs_plugin_interface interface{};
+	hs_plugin_interface interface {
+	};
 	/** Each set_settings so far, as "NAME=VALUE"; "NAME" without a value. */
 	std::vector<std::string> told;
 	/** What set_settings answers. */
@@ -134,7 +135,7 @@ private:
 		for (const hs_paper_event &e : events) {
 			const auto index = static_cast<uint32_t>(source->events.size());
 			source->events.push_back(
-				{e.title, hs_schema_type_by_name(e.type.c_str()), e.complex_type, e.value, index, {}});
+				{index, {}, e.title, hs_schema_type_by_name(e.type.c_str()), e.complex_type, e.value});
 			source->event_interfaces.push_back(std::string{HS_DBUS_EVENTS_PREFIX} + name + "." + e.title);
 			source->event_public.push_back(e.is_public);
 			source->event_published.push_back(false);

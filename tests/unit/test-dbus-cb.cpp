@@ -273,7 +273,7 @@ protected:
 			hs_props_add_object(source->settings,
 					    {{"title", title}, {"complexType", complex_type}, {"value", value}});
 		else
-			source->events.push_back({title, nullptr, complex_type ? complex_type : "", value, 0, {}});
+			source->events.push_back({0, {}, title, nullptr, complex_type ? complex_type : "", value});
 	}
 
 	/** Only a setting can be without a value. */
@@ -583,7 +583,7 @@ TEST_F(DBusProperty, AStoredReportIsHiddenWhereThePluginHasNone)
 	ear.add_event({.title = "Silence", .members = {"Detected"}});
 	hs_source *other = ear.add_source("AudioDevice1Input0.Unprocessed");
 	const char *both = R"({ "Detected": "true", "Report": "true" })";
-	other->events = {{"Noise", nullptr, "(bb)", both, 0, {}}, {"Silence", nullptr, "(bb)", both, 1, {}}};
+	other->events = {{0, {}, "Noise", nullptr, "(bb)", both}, {1, {}, "Silence", nullptr, "(bb)", both}};
 	source = other;
 	add_table(hs_dbus_cb_property_emits_change("(bb)", "Noise"), event_interface);
 	add_table(hs_dbus_cb_property_emits_change("(bb)", "Silence"), event_interface);
@@ -597,7 +597,7 @@ TEST_F(DBusProperty, TheReportIsThatOfThePluginsOwnEvent)
 	/* The second event of the table is the plug-in's first: another was left out between them. */
 	ear.add_event({.title = "Silence", .members = {"Detected"}});
 	const char *report = R"({ "Report": "true" })";
-	source->events = {{"Silence", nullptr, "(b)", report, 1, {}}, {"Noise", nullptr, "(b)", report, 0, {}}};
+	source->events = {{1, {}, "Silence", nullptr, "(b)", report}, {0, {}, "Noise", nullptr, "(b)", report}};
 	for (const char *title : {"Silence", "Noise"})
 		add_table(hs_dbus_cb_property_emits_change("(b)", title), event_interface);
 	EXPECT_EQ(client->get(path, event_interface, "Noise"), R"(a{sv} ["Report": b true])");

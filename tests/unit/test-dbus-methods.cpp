@@ -468,7 +468,7 @@ TEST_F(DBusTrigger, DoesNothingForATitleWithAPoint)
 	hs_paper_plugin &ear = bed.add_plugin("Ear");
 	hs_source *source = ear.add_source(node_name);
 	const char *value = R"({ "Detected": "false" })";
-	source->events = {{"A.Noise", hs_schema_type_by_name("struct"), "(b)", value, 0, {}}};
+	source->events = {{0, {}, "A.Noise", hs_schema_type_by_name("struct"), "(b)", value}};
 	source->event_interfaces = {"com.orvel.HearSense.Events.Ear.A.Noise"};
 	source->event_public = {false};
 	source->event_published = {false};

@@ -39,7 +39,7 @@ struct PcmEvent : testing::Test {
 	void store(const char *title, const char *type, const char *value)
 	{
 		const auto index = static_cast<uint32_t>(source.events.size());
-		source.events.push_back({title, hs_schema_type_by_name(type), "", value, index, {}});
+		source.events.push_back({index, {}, title, hs_schema_type_by_name(type), "", value});
 	}
 
 	std::string stored(const char *title) const

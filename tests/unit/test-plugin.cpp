@@ -525,7 +525,7 @@ TEST(Plugin, NotificationFetchesTheEventWithoutForce)
 
 	hs_pcm pcm{};
 	hs_source source{};
-	source.events = {{"B", hs_schema_type_by_name("int32"), "", "0", 1, {}}};
+	source.events = {{1, {}, "B", hs_schema_type_by_name("int32"), "", "0"}};
 	source.interface = motion.interface;
 	source.pcm = &pcm;
 	pcm.source = &source;

@@ -153,6 +153,9 @@ struct handle : spa_handle {
 		plugin_base &plugin = plugin_of(object);
 		if (!plugin.is_hearing || !buffer)
 			return;
+		/* Their values are asked for next, and have left the cache since the last buffer. */
+		for (const event_base *event : plugin.events())
+			__builtin_prefetch(event);
 		const int result = guard(plugin, "process", [&] {
 			plugin.hear(*buffer);
 			return 0;

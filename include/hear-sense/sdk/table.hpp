@@ -98,10 +98,10 @@ private:
 		head.resize(builder.state.offset);
 	}
 
-	std::string own_title;
-	std::string own_description;
 	/** What comes before the value in the description: events are asked for theirs with each buffer. */
 	std::vector<std::byte> head;
+	std::string own_title;
+	std::string own_description;
 };
 
 /** A setting of any type. */
