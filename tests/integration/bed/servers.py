@@ -122,8 +122,10 @@ class Graph:
         self.cli.popen.stdin.flush()
 
     def _ask(self, *argv):
+        # Nobody gets an answer while the session manager links some hundred streams.
+        patience = 60 * SCALE
         return subprocess.run(
-            argv, env=self.env, capture_output=True, text=True, timeout=10 * SCALE, check=True, errors="replace"
+            argv, env=self.env, capture_output=True, text=True, timeout=patience, check=True, errors="replace"
         ).stdout
 
     def _listing(self, kind, key):
