@@ -18,7 +18,8 @@ struct hs_pw_source;
 struct hs_source;
 
 struct hs_pcm {
-	/* As in hs_source, what each buffer needs is first. */
+	/* As in hs_source, what each buffer needs is first; PipeWire reads the listener itself. */
+	spa_hook listener;
 	/** Borrowed: the owner. */
 	hs_source *source;
 	/** Owned; null where it could not be created. */
@@ -29,7 +30,6 @@ struct hs_pcm {
 	bool stream_active;
 	/** A format was configured at least once. */
 	bool format_ready;
-	spa_hook listener;
 	/** What the plug-in's init is given. */
 	hs_stream_info info;
 };
