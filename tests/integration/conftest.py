@@ -48,9 +48,12 @@ def pytest_collection_modifyitems(config, items):
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
-    """Where nobody looks at the output, a test that was skipped is a test that is missing."""
+    """A failure tells what the bed saw. Where nobody looks at the output, a test that was skipped is missing."""
     outcome = yield
     report = outcome.get_result()
+    bed = item.funcargs.get("bed") or item.funcargs.get("own_bed")
+    if bed and report.when == "call" and report.failed:
+        report.sections += bed.evidence()
     if report.skipped and not hasattr(report, "wasxfail") and os.environ.get("CI") == "true":
         report.outcome = "failed"
         report.longrepr = f"skipped in CI: {report.longrepr}"
@@ -159,6 +162,15 @@ class Bed:
 
     def unplug(self, name=SYSTEM_NODE):
         self.graph.destroy(name)
+
+    def evidence(self):
+        """What may tell why a test has failed, as sections of its report."""
+        sections = [(f"daemon {daemon.pid}", daemon.tail()) for daemon in self.daemons]
+        sections.append(("PipeWire", self.graph.server.err()[-4000:]))
+        if self.graph.server.alive:
+            heard = (f"{name}: {self.graph.listen(name)} bytes in a second" for name in self.nodes if name)
+            sections.append(("microphones", "\n".join(heard)))
+        return sections
 
     def close(self):
         errors = []

@@ -189,6 +189,14 @@ class Graph:
         self._start("listener", ["pw-cat", "--record", "--target", name, "--rate", "8000", "--channels", "1", str(file)])
         wait_until(lambda: file.exists() and file.stat().st_size > 4096, f"{name} to run")
 
+    def listen(self, name):
+        """How many bytes of sound, more or less, come from a microphone in a second."""
+        file = self.folder / "heard.wav"
+        file.unlink(missing_ok=True)
+        listener = ["pw-cat", "--record", "--target", name, "--channels", "1", str(file)]
+        subprocess.run(["timeout", "1", *listener], env=self.env, capture_output=True)
+        return file.stat().st_size if file.exists() else 0
+
     def quiet_microphone(self, name, media_class="Audio/Source", wait=True, **extra):
         """A microphone that offers a format and never delivers a buffer."""
         properties = {
