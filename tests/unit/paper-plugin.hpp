@@ -109,8 +109,7 @@ public:
 	}
 
 	std::string name;
-	hs_plugin_interface interface {
-	};
+	hs_plugin_interface interface{};
 	/** Each set_settings so far, as "NAME=VALUE"; "NAME" without a value. */
 	std::vector<std::string> told;
 	/** What set_settings answers. */
