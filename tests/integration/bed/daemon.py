@@ -12,6 +12,7 @@ import shlex
 import shutil
 import signal
 
+from .client import CallFailed
 from .process import SCALE, Process, wait_until
 from .servers import base_environment, system_spa_dir
 
@@ -215,13 +216,17 @@ class Daemon:
         return f"status {self.process.popen.poll()}, log:\n" + "\n".join(self.log().splitlines()[-40:])
 
     def wait_ready(self, client, timeout=10.0):
-        """Waits until the daemon owns its name, as it does from the moment it serves its bus."""
+        """Waits until the daemon owns its name and answers: all that comes before its loop is done."""
         def owned():
             if not self.alive:
                 raise UnexpectedEnd("the daemon ended at start: " + self.tail())
             return client.has_owner()
 
         wait_until(owned, lambda: "the bus name: " + self.tail(), timeout)
+        try:
+            client.call("/", "org.freedesktop.DBus.Peer", "Ping", timeout=timeout)
+        except (CallFailed, TimeoutError) as error:
+            raise UnexpectedEnd("the daemon did not answer at start: " + self.tail()) from error
 
     def status(self, timeout=10.0):
         """Waits for the end; the exit status, negative for a signal. The test has then seen to it."""
