@@ -81,6 +81,7 @@ def build():
     for needed in (
         "src/hear-sense",
         "tests/plugins/libspa-hs-scripted.so",
+        "tests/plugins/libspa-hs-tone.so",
         "tests/plugins/hs-export-metadata",
         "tests/plugins/hs-write-file",
     ):

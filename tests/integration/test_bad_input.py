@@ -341,8 +341,7 @@ def test_node_without_a_name_does_no_harm(bed, neighbour):
     bed.graph.create(
         "spa-node-factory",
         {
-            "factory.name": "audiotestsrc",
-            "library.name": "audiotestsrc/libspa-audiotestsrc",
+            "factory.name": "hs.tone",
             "media.class": "Audio/Source",
         },
     )

@@ -8,7 +8,7 @@ import pytest
 from bed.client import SERVICE
 from bed.private import PrivateClient, descriptor_client
 from bed.process import SCALE, wait_until
-from bed.stage import SYSTEM_NODE, array_event, event, setting, struct_event
+from bed.stage import array_event, event, setting, struct_event
 from fuzz import Fuzzer, Garbage, members_of, send_mangled, split
 from jeepney.low_level import Endianness, parse_signature
 
@@ -53,7 +53,6 @@ def hearing(bed):
         events=[*events("Open", True), *events("Closed", False)],
     )
     bed.microphone()
-    bed.graph.keep_running(SYSTEM_NODE)
     daemon, client = bed.start()
     client.wait_added(plugin.path())
     plugin.wait_call("process")

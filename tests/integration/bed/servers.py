@@ -91,10 +91,12 @@ class Graph:
         self.folder = folder
         self.runtime = folder / "run"
         self.runtime.mkdir(mode=0o700)
+        self.built = pathlib.Path(os.environ["HS_BUILD_DIR"]).resolve() / "tests/plugins"
         self.env = base_environment(folder) | {
             "XDG_RUNTIME_DIR": str(self.runtime),
             "PIPEWIRE_CONFIG_DIR": str(CONFIG),
             "WIREPLUMBER_CONFIG_DIR": str(CONFIG),
+            "SPA_PLUGIN_DIR": f"{self.built}:{system_spa_dir()}",
         }
         self.socket = self.runtime / "pipewire-0"
         self.processes = []
@@ -170,24 +172,13 @@ class Graph:
     def microphone(self, name, media_class="Audio/Source", position=("MONO",), wait=True, **extra):
         """A microphone that hears a steady tone: buffers flow as soon as somebody listens."""
         properties = {
-            "factory.name": "audiotestsrc",
-            "library.name": "audiotestsrc/libspa-audiotestsrc",
+            "factory.name": "hs.tone",
             "media.class": media_class,
             "audio.position": list(position),
         }
         if name is not None:
             properties["node.name"] = name
         self.create("adapter", properties | extra, wait)
-
-    def keep_running(self, name):
-        """Listens to a microphone until the tests end.
-
-        The test source of PipeWire 0.3.65 falls silent for ever, for every client, when its only listener
-        comes and goes some hundred times within seconds.
-        """
-        file = self.folder / f"{name}.wav"
-        self._start("listener", ["pw-cat", "--record", "--target", name, "--rate", "8000", "--channels", "1", str(file)])
-        wait_until(lambda: file.exists() and file.stat().st_size > 4096, f"{name} to run")
 
     def listen(self, name):
         """How many bytes of sound, more or less, come from a microphone in a second."""
@@ -266,8 +257,7 @@ class Graph:
     def export_metadata(self, name):
         """Adds an empty metadata object of that name."""
         before = len(self.metadata().get(name, []))
-        program = pathlib.Path(os.environ["HS_BUILD_DIR"]).resolve() / "tests/plugins/hs-export-metadata"
-        process = self._start(f"metadata-{len(self.processes)}", [str(program), name])
+        process = self._start(f"metadata-{len(self.processes)}", [str(self.built / "hs-export-metadata"), name])
         wait_until(lambda: len(self.metadata().get(name, [])) > before, lambda: f"metadata {name}: {process.err()}")
 
     def set_metadata(self, key, value=None, name="virtual-nodes"):
