@@ -51,7 +51,7 @@ class Rig:
         wait_until(lambda: set(self.names) <= set(self.graph.nodes()), "the microphones", PATIENCE)
 
     def add_sink(self, name, wait=True):
-        """Heard by what it plays: the test source of PipeWire falls silent when several listen at once."""
+        """Heard by what it plays; one driver runs them all, where each microphone runs by itself."""
         self.graph.quiet_microphone(name, "Audio/Sink", wait, **{"node.group": "pipewire.dummy"})
 
     def __enter__(self):
