@@ -182,8 +182,8 @@ def listen_for_ever(system, threshold):
             pass
         if not has_daemon(system):
             say("waiting for hear-sense")
-        while not has_daemon(system):
-            system.receive()
+            while not has_daemon(system):
+                system.receive()
 
 
 def main():
