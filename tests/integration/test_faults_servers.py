@@ -54,7 +54,7 @@ class Scene:
         )
         # Of the little that is used at rest, the scripted plug-in takes most, for each buffer.
         bed.graph.force("quantum", 4096)
-        self.plug_in()
+        bed.microphone()
         self.daemon, self.client = bed.start()
         self.client.wait_added(self.plugin.path())
         self.plugin.wait_call("process")
@@ -65,12 +65,8 @@ class Scene:
         self.private.enable(self.plugin, "Rustle")
         self.value = 0
 
-    def plug_in(self):
-        """The test source of PipeWire would not always outlive what is done here."""
-        self.microphone = self.bed.graph.loop_microphone(SYSTEM_NODE, "feed")
-
     def unplug(self):
-        self.microphone.stop()
+        self.bed.unplug()
         self.client.wait_removed(self.plugin.path())
 
     def fire(self, count):
@@ -212,7 +208,7 @@ def test_session_manager_that_is_killed_costs_audio_until_another_comes(scene, b
     # It would have held the microphones of the device, which go and come with it.
     scene.unplug()
     scene.bed.graph.start_manager()
-    scene.plug_in()
+    scene.bed.microphone()
     scene.client.wait_added(scene.plugin.path(), 2)
     scene.plugin.wait_call("init", 2, timeout=20, source=SYSTEM_NODE)
     instance = scene.plugin.instance_on(SYSTEM_NODE)
