@@ -213,31 +213,6 @@ class Graph:
         self.wait_node(feed)
         return process
 
-    def loop_microphones(self, names):
-        """Many of them, fed by the sinks "feed0" and so on; all end with the one process it returns."""
-        modules = "".join(
-            f"""{{ name = libpipewire-module-loopback args = {{
-                capture.props = {{ media.class = Audio/Sink node.name = feed{number} audio.position = [ MONO ] }}
-                playback.props = {{ media.class = Audio/Source node.name = {name} audio.position = [ MONO ] }}
-            }} }}\n"""
-            for number, name in enumerate(names)
-        )
-        path = self.folder / "loops.conf"
-        path.write_text(
-            """context.spa-libs = {
-                audio.convert.* = audioconvert/libspa-audioconvert
-                support.* = support/libspa-support
-            }
-            context.modules = [
-                { name = libpipewire-module-protocol-native }
-                { name = libpipewire-module-client-node }
-                { name = libpipewire-module-adapter }
-            """
-            + modules
-            + "]\n"
-        )
-        return self._start("loops", ["pipewire", "-c", str(path)])
-
     def play(self, path, feed):
         """Starts to play a sound file to a sink."""
         return self._start(f"play-{feed}", ["pw-play", "--target", feed, str(path)])
