@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <limits>
@@ -900,6 +901,78 @@ TEST(PluginSdk, StoresOnlyWhatTheBusCanHold)
 	}
 	plugin.words.set("");
 	EXPECT_EQ(plugin.words.value(), "-");
+}
+
+TEST(PluginSdk, HandsOverTheBytesOfADescriptionThatIsBuiltAnew)
+{
+	class texts : public all_events
+	{
+	public:
+		using all_events::all_events;
+
+		struct_event two{*this, {.title = "Two"}};
+		member<std::string> first{two, "First", "one"};
+		member<std::string> second{two, "Second", "and another"};
+		event<bool> last{*this, {.title = "Last"}};
+
+	private:
+		/* Until somebody asks, each has said nothing but this. */
+		bool is_set = first.set("set before anybody could ask") && bands.set(std::array{9.0});
+	};
+	sdk_hosted<texts> hosted;
+	texts &plugin = *hosted.plugin;
+	const auto expect_bytes_built_anew = [&] {
+		for (uint32_t i = 0; i < plugin.events().size(); i++) {
+			hs_pod_buffer asked;
+			hs_pod_buffer anew;
+			spa_pod_builder builder = SPA_POD_BUILDER_INIT(asked.data, 4096);
+			spa_pod *pod = nullptr;
+			ASSERT_EQ(hosted->interface->funcs->get_event(hosted->interface->data, i, &pod, &builder), 0);
+			ASSERT_EQ(static_cast<void *>(pod), static_cast<void *>(asked.data));
+			builder = SPA_POD_BUILDER_INIT(anew.data, 4096);
+			const spa_pod *expected = plugin.events()[i]->describe(&builder);
+			ASSERT_TRUE(expected);
+			ASSERT_EQ(SPA_POD_SIZE(pod), SPA_POD_SIZE(expected)) << i;
+			EXPECT_EQ(std::memcmp(pod, expected, SPA_POD_SIZE(expected)), 0) << i;
+		}
+	};
+	expect_bytes_built_anew();
+	const std::string longest(max_text, 'x');
+	for (const std::string &text : {longest, std::string{"b"}, longest + "y", std::string{}}) {
+		EXPECT_TRUE(plugin.text.set(text));
+		EXPECT_TRUE(plugin.first.set(text));
+		EXPECT_TRUE(plugin.second.set(text));
+		expect_bytes_built_anew();
+	}
+	ASSERT_EQ(hosted->init(), 0);
+	for (const float value : {3.0F, 3.0F, 0.0F}) {
+		hosted->process(planar<float>({{value}}));
+		expect_bytes_built_anew();
+	}
+	hosted->deactivate();
+	expect_bytes_built_anew();
+}
+
+TEST(PluginSdk, DescribesAnEventWithinWhatABuilderHasAlready)
+{
+	sdk_hosted<all_events> hosted;
+	hs_pod_buffer buffer;
+	spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer.data, 4096);
+	spa_pod_frame all;
+	spa_pod *pod = nullptr;
+	spa_pod_builder_push_struct(&builder, &all);
+	for (const uint32_t index : {5U, 6U})
+		ASSERT_EQ(hosted->interface->funcs->get_event(hosted->interface->data, index, &pod, &builder), 0);
+	EXPECT_EQ(hs_pod_parse(pod)->title, "Text");
+	const auto *both = static_cast<spa_pod *>(spa_pod_builder_pop(&builder, &all));
+	spa_pod_parser parser;
+	spa_pod_parser_pod(&parser, both);
+	ASSERT_EQ(spa_pod_parser_push_struct(&parser, &all), 0);
+	for (const char *title : {"Level", "Text"}) {
+		ASSERT_EQ(spa_pod_parser_get_pod(&parser, &pod), 0);
+		EXPECT_EQ(hs_pod_parse(pod)->title, title);
+	}
+	EXPECT_FALSE(spa_pod_parser_current(&parser));
 }
 
 TEST(PluginSdk, TakesNoMemoryWhileItHears)

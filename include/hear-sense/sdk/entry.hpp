@@ -75,9 +75,9 @@ private:
 namespace detail {
 
 struct handle : spa_handle {
-	hs_plugin_interface interface = {};
-	hs_plugin_methods methods{};
+	/* Side by side with what the daemon reads of the interface for each buffer. */
 	std::unique_ptr<plugin_base> plugin;
+	hs_plugin_interface interface = {};
 
 	/** Calls `function` and lets nothing but its result out; `write` hears of an exception. */
 	template <typename Function, typename Write>
@@ -153,9 +153,7 @@ struct handle : spa_handle {
 		plugin_base &plugin = plugin_of(object);
 		if (!plugin.is_hearing || !buffer)
 			return;
-		/* Their values are asked for next, and have left the cache since the last buffer. */
-		for (const event_base *event : plugin.events())
-			__builtin_prefetch(event);
+		plugin.prefetch_events();
 		const int result = guard(plugin, "process", [&] {
 			plugin.hear(*buffer);
 			return 0;
@@ -165,26 +163,30 @@ struct handle : spa_handle {
 			on_deactivate(object);
 	}
 
-	/** With index 0 and null pointers the number, else the description of one. */
-	template <typename Described>
-	static int get(std::span<Described *const> all, uint32_t index, spa_pod **result, spa_pod_builder *builder)
+	/** With index 0 and null pointers the number, else what `describe` gives. */
+	template <typename Describe>
+	static int get(size_t number, uint32_t index, spa_pod **result, spa_pod_builder *builder,
+		       const Describe &describe)
 	{
 		if (index == 0 && !result && !builder)
-			return static_cast<int>(all.size());
+			return static_cast<int>(number);
 		if (!result || !builder)
 			return -EINVAL;
-		*result = index < all.size() ? all[index]->describe(builder) : nullptr;
-		return *result ? 0 : index < all.size() ? -ENOSPC : -EINVAL;
+		*result = index < number ? describe() : nullptr;
+		return *result ? 0 : index < number ? -ENOSPC : -EINVAL;
 	}
 
 	static int on_get_setting(void *object, uint32_t index, spa_pod **result, spa_pod_builder *builder) noexcept
 	{
-		return get(plugin_of(object).settings(), index, result, builder);
+		const auto all = plugin_of(object).settings();
+		return get(all.size(), index, result, builder, [&] { return all[index]->describe(builder); });
 	}
 
 	static int on_get_event(void *object, uint32_t index, spa_pod **result, spa_pod_builder *builder) noexcept
 	{
-		return get(plugin_of(object).events(), index, result, builder);
+		plugin_base &plugin = plugin_of(object);
+		return get(plugin.events().size(), index, result, builder,
+			   [&] { return plugin.describe_event(index, builder); });
 	}
 
 	static int on_get_settings(void *object, spa_pod_builder *builder) noexcept
@@ -214,6 +216,25 @@ struct handle : spa_handle {
 		return 0;
 	}
 
+	/** One for all handles: it stays in the cache. Hidden, or the library could never be unloaded. */
+	[[gnu::visibility("hidden")]] static const hs_plugin_methods *methods()
+	{
+		static const hs_plugin_methods all = [] {
+			hs_plugin_methods table{};
+			table.init = on_init;
+			table.deinit = on_deinit;
+			table.activate = on_activate;
+			table.deactivate = on_deactivate;
+			table.get_setting = on_get_setting;
+			table.get_event = on_get_event;
+			table.get_settings = on_get_settings;
+			table.set_settings = on_set_settings;
+			table.process = on_process;
+			return table;
+		}();
+		return &all;
+	}
+
 	void make(const factory &from, const host &host_side)
 	{
 		const plugin_info &info = from.info();
@@ -228,18 +249,9 @@ struct handle : spa_handle {
 		version = SPA_VERSION_HANDLE;
 		get_interface = on_get_interface;
 		clear = on_clear;
-		methods.init = on_init;
-		methods.deinit = on_deinit;
-		methods.activate = on_activate;
-		methods.deactivate = on_deactivate;
-		methods.get_setting = on_get_setting;
-		methods.get_event = on_get_event;
-		methods.get_settings = on_get_settings;
-		methods.set_settings = on_set_settings;
-		methods.process = on_process;
 		interface.type = from.interface_type();
 		interface.version = HS_PLUGIN_INTERFACE_VERSION;
-		interface.funcs = &methods;
+		interface.funcs = methods();
 		interface.data = static_cast<spa_handle *>(this);
 		interface.name = info.interface_name.c_str();
 		interface.interface_name = info.interface_name.c_str();

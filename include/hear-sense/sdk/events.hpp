@@ -91,7 +91,10 @@ public:
 	 */
 	bool set(detail::argument<T> value)
 	{
-		return own.set(value);
+		const bool is_changed = own.set(value);
+		if (is_changed)
+			value_changed();
+		return is_changed;
 	}
 
 	/** Sets it, and notifies where it has changed. */
@@ -110,6 +113,12 @@ private:
 	void reset() override
 	{
 		own.reset();
+		value_changed();
+	}
+
+	size_t room() const override
+	{
+		return detail::room<T>;
 	}
 
 	detail::cell<T> own;
@@ -146,6 +155,8 @@ public:
 			elements[i] = values[i];
 			is_changed = true;
 		}
+		if (is_changed)
+			value_changed();
 		return is_changed;
 	}
 
@@ -166,6 +177,12 @@ private:
 	void reset() override
 	{
 		std::fill(elements.begin(), elements.end(), first);
+		value_changed();
+	}
+
+	size_t room() const override
+	{
+		return sizeof(spa_pod_array) + SPA_ROUND_UP_N(elements.size() * sizeof(T), 8);
 	}
 
 	T first;
@@ -185,11 +202,16 @@ protected:
 	member_base(struct_event &event, std::string name);
 	virtual ~member_base() = default;
 
+	void value_changed() const;
+
 private:
 	friend class struct_event;
 	virtual void build_value(spa_pod_builder *builder) const = 0;
 	virtual void reset() = 0;
+	/** The most bytes that the value takes as a POD. */
+	virtual size_t room() const = 0;
 
+	const struct_event &owner;
 	std::string own_name;
 };
 
@@ -231,6 +253,15 @@ private:
 	{
 		for (member_base *member : members)
 			member->reset();
+		value_changed();
+	}
+
+	size_t room() const override
+	{
+		size_t all = sizeof(spa_pod);
+		for (const member_base *member : members)
+			all += sizeof(spa_pod) + SPA_ROUND_UP_N(member->own_name.size() + 1, 8) + member->room();
+		return all;
 	}
 
 	bool has_value() const override
@@ -241,9 +272,14 @@ private:
 	std::vector<member_base *> members;
 };
 
-inline member_base::member_base(struct_event &event, std::string name) : own_name{std::move(name)}
+inline member_base::member_base(struct_event &event, std::string name) : owner{event}, own_name{std::move(name)}
 {
 	event.add(this);
+}
+
+inline void member_base::value_changed() const
+{
+	owner.value_changed();
 }
 
 /** One member of a structure. */
@@ -265,7 +301,10 @@ public:
 	/** As event::set; and a text that is empty becomes "-", for clients cannot read an empty member. */
 	bool set(detail::argument<T> value)
 	{
-		return own.set(fit(value));
+		const bool is_changed = own.set(fit(value));
+		if (is_changed)
+			value_changed();
+		return is_changed;
 	}
 
 private:
@@ -285,6 +324,11 @@ private:
 	void reset() override
 	{
 		own.reset();
+	}
+
+	size_t room() const override
+	{
+		return detail::room<T>;
 	}
 
 	detail::cell<T> own;

@@ -27,82 +27,17 @@
 #include <utility>
 #include <vector>
 
-#include <spa/param/param.h>
-#include <spa/param/props.h>
 #include <spa/pod/builder.h>
 #include <spa/pod/parser.h>
 #include <spa/utils/type.h>
 
 #include <hear-sense/plugin.h>
+#include <hear-sense/sdk/described.hpp>
 #include <hear-sense/sdk/values.hpp>
 
 namespace hear_sense {
 
 class table;
-
-/** What settings and events have in common. */
-class described
-{
-public:
-	described(const described &) = delete;
-	described &operator=(const described &) = delete;
-
-	const std::string &title() const
-	{
-		return own_title;
-	}
-
-	/** For people, with the unit. */
-	const std::string &description() const
-	{
-		return own_description;
-	}
-
-	/** The description POD with the present value; null where it does not fit the builder. */
-	spa_pod *describe(spa_pod_builder *builder) const
-	{
-		spa_pod_frame object;
-		spa_pod_builder_push_object(builder, &object, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo);
-		spa_pod_builder_raw(builder, head.data(), static_cast<uint32_t>(head.size()));
-		build_value(builder);
-		return static_cast<spa_pod *>(spa_pod_builder_pop(builder, &object));
-	}
-
-	virtual void build_value(spa_pod_builder *builder) const = 0;
-
-protected:
-	described(std::string title, std::string description, const std::string &unit)
-	    : own_title{std::move(title)}, own_description{std::move(description)}
-	{
-		if (!detail::is_name(own_title))
-			detail::refuse(own_title, "is no title: letters, digits and \"_\", no digit first");
-		if (!unit.empty())
-			own_description += " (" + unit + ")";
-		if (!detail::is_text(own_description))
-			detail::refuse(own_title, "has a description that is not UTF-8");
-		write_head();
-	}
-	virtual ~described() = default;
-
-private:
-	void write_head()
-	{
-		/* Three keys and two texts, each with its size and what rounds it up. */
-		head.resize(64 + own_title.size() + own_description.size());
-		spa_pod_builder builder = SPA_POD_BUILDER_INIT(head.data(), static_cast<uint32_t>(head.size()));
-		spa_pod_builder_prop(&builder, SPA_PROP_INFO_name, 0);
-		spa_pod_builder_string(&builder, own_title.c_str());
-		spa_pod_builder_prop(&builder, SPA_PROP_INFO_description, 0);
-		spa_pod_builder_string(&builder, own_description.c_str());
-		spa_pod_builder_prop(&builder, SPA_PROP_INFO_type, 0);
-		head.resize(builder.state.offset);
-	}
-
-	/** What comes before the value in the description: events are asked for theirs with each buffer. */
-	std::vector<std::byte> head;
-	std::string own_title;
-	std::string own_description;
-};
 
 /** A setting of any type. */
 class setting_base : public described
@@ -164,10 +99,15 @@ protected:
 	event_base(table &owner, event_info info);
 	~event_base() override = default;
 
+	/** For all that writes the value: it is described anew when the daemon asks. */
+	void value_changed() const;
+
 private:
 	friend class table;
 	/** Back to the value that it was declared with. */
 	virtual void reset() = 0;
+	/** The most bytes that the value takes as a POD. */
+	virtual size_t room() const = 0;
 	virtual bool has_value() const
 	{
 		return true;
@@ -237,6 +177,17 @@ protected:
 		return static_cast<spa_pod *>(spa_pod_builder_pop(builder, &members));
 	}
 
+	/** The description of the event of that index; null where it does not fit the builder. */
+	spa_pod *describe_event(uint32_t index, spa_pod_builder *builder)
+	{
+		return descriptions.describe(index, builder);
+	}
+
+	void prefetch_events() const
+	{
+		descriptions.prefetch();
+	}
+
 	/** Takes a Struct of a name and a value: 0, or a negative errno and nothing has changed. */
 	int take_setting(const spa_pod *pod)
 	{
@@ -280,6 +231,7 @@ protected:
 			if (!event->has_value())
 				detail::refuse(event->title(), "is a structure without members");
 			records.push_back(&event->record);
+			descriptions.add(*event, event->room());
 		}
 		interface.events = records.data();
 		interface.n_events = records.size();
@@ -366,12 +318,14 @@ private:
 		return static_cast<uint32_t>(all_events.size() - 1);
 	}
 
-	const std::vector<topic> &common_topics;
-	std::vector<setting_base *> all_settings;
-	std::vector<event_base *> all_events;
-	std::vector<const hs_event_info *> records;
+	/* Needed for each buffer, so first. */
+	detail::ready_descriptions descriptions;
 	/** Belongs to the handle; null until the plug-in is constructed. */
 	hs_plugin_interface *listener = nullptr;
+	std::vector<event_base *> all_events;
+	std::vector<setting_base *> all_settings;
+	std::vector<const hs_event_info *> records;
+	const std::vector<topic> &common_topics;
 };
 
 inline setting_base::setting_base(table &table, std::string title, std::string description, const std::string &unit)
@@ -402,6 +356,11 @@ inline event_base::event_base(table &table, event_info info)
 	record.is_public = texts.is_public;
 	record.data_types = texts.data_types;
 	own_index = owner.add(this);
+}
+
+inline void event_base::value_changed() const
+{
+	owner.descriptions.value_changed(own_index);
 }
 
 inline void event_base::notify() const

@@ -52,6 +52,10 @@ constexpr T highest = std::numeric_limits<T>::max();
 template <scalar T>
 using argument = std::conditional_t<std::same_as<T, std::string>, std::string_view, T>;
 
+/** The most bytes that a value takes as a POD. */
+template <scalar T>
+constexpr size_t room = sizeof(spa_pod) + (std::same_as<T, std::string> ? SPA_ROUND_UP_N(max_text + 1, 8) : 8);
+
 template <scalar T>
 void build(spa_pod_builder *builder, const T &value)
 {
