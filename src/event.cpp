@@ -181,6 +181,16 @@ bool look(hs_events &events, uint32_t index, const spa_pod *pod, news *result)
 	return true;
 }
 
+/** Events; more on their way at once would only wait for each other. */
+constexpr size_t most_prefetched = 4;
+
+void prefetch(const void *from, size_t n_bytes)
+{
+	constexpr size_t cache_line = 64;
+	for (size_t at = 0; at < n_bytes; at += cache_line)
+		__builtin_prefetch(static_cast<const std::byte *>(from) + at);
+}
+
 } // namespace
 
 hs_events hs_events_describe(hs_plugin_interface *interface, int n_events)
@@ -218,17 +228,16 @@ bool hs_events_update(hs_events &events, const hs_pod &event, bool *report_chang
 	return result.found == verdict::changed;
 }
 
-void hs_events_prefetch(const hs_events &events)
+void hs_events_prefetch_records(const hs_events &events)
 {
-	/* More than this on their way at once would only wait for each other. */
-	constexpr size_t most_events = 4;
+	prefetch(events.data(), std::min(events.size(), most_prefetched) * sizeof(hs_event));
+}
+
+void hs_events_prefetch_said(const hs_events &events)
+{
 	constexpr size_t most_bytes = 512;
-	constexpr size_t cache_line = 64;
-	for (size_t i = 0; i < std::min(events.size(), most_events); ++i) {
-		const std::vector<std::byte> &said = events[i].said;
-		for (size_t offset = 0; offset < std::min(said.size(), most_bytes); offset += cache_line)
-			__builtin_prefetch(&said[offset]);
-	}
+	for (size_t i = 0; i < std::min(events.size(), most_prefetched); ++i)
+		prefetch(events[i].said.data(), std::min(events[i].said.size(), most_bytes));
 }
 
 void hs_events_handle_all(hs_plugin_interface *interface, hs_events &events, bool force, hs_event_tell tell, void *data)

@@ -45,8 +45,12 @@ hs_events hs_events_describe(hs_plugin_interface *interface, int n_events);
 hs_event *hs_events_find(hs_events &events, const char *title);
 const hs_event *hs_events_find(const hs_events &events, const char *title);
 
-/** Every event is looked at soon: what they said last has left the cache, and comes back meanwhile. */
-void hs_events_prefetch(const hs_events &events);
+/**
+ * Every event is looked at soon: the records, and then what they said last, have left the cache and come back
+ * meanwhile.
+ */
+void hs_events_prefetch_records(const hs_events &events);
+void hs_events_prefetch_said(const hs_events &events);
 
 /** Looks at every event; `force` tells of unchanged ones too. */
 void hs_events_handle_all(hs_plugin_interface *interface, hs_events &events, bool force, hs_event_tell tell,

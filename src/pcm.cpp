@@ -156,7 +156,7 @@ pw_buffer *dequeue_buffer(hs_pcm *pcm)
 void prefetch(const hs_source *source)
 {
 	__builtin_prefetch(source->interface);
-	__builtin_prefetch(source->events.data());
+	hs_events_prefetch_records(source->events);
 }
 
 void process(hs_pcm *pcm)
@@ -172,7 +172,7 @@ void process(hs_pcm *pcm)
 		return;
 	}
 	if (source->is_active) {
-		hs_events_prefetch(source->events);
+		hs_events_prefetch_said(source->events);
 		hs_plugin_process(source->interface, buffer->buffer);
 		hs_pcm_handle_events(source, false);
 	}

@@ -91,19 +91,21 @@ To convert(From value)
 }
 
 /** Silences what is no number; eight at a time, which compilers do side by side. */
-inline void keep_numbers(std::span<float> samples)
+inline void copy_numbers(const std::byte *from, std::span<float> to)
 {
 	constexpr size_t width = 8;
-	const auto check = [](float *sample) {
-		*sample = std::abs(*sample) <= std::numeric_limits<float>::max() ? *sample : 0.0F;
+	const auto copy = [&](size_t first, size_t n) {
+		std::array<float, width> some;
+		std::memcpy(some.data(), from + first * sizeof(float), n * sizeof(float));
+		for (size_t i = 0; i < n; i++)
+			some[i] = std::abs(some[i]) <= std::numeric_limits<float>::max() ? some[i] : 0.0F;
+		std::memcpy(&to[first], some.data(), n * sizeof(float));
 	};
 	size_t i = 0;
-	for (; i + width <= samples.size(); i += width) {
-		for (size_t next = 0; next < width; next++)
-			check(&samples[i + next]);
-	}
-	for (; i < samples.size(); i++)
-		check(&samples[i]);
+	for (; i + width <= to.size(); i += width)
+		copy(i, width);
+	for (; i < to.size(); i++)
+		copy(i, 1);
 }
 
 template <sample From, sample To>
@@ -116,9 +118,10 @@ void copy_samples(const channel_samples &from, size_t frame, std::span<To> to)
 	const std::byte *at = from.first + frame * from.step;
 	if constexpr (std::same_as<From, To>) {
 		if (from.step == sizeof(From)) {
-			std::memcpy(to.data(), at, to.size_bytes());
 			if constexpr (std::same_as<To, float>)
-				keep_numbers(to);
+				copy_numbers(at, to);
+			else
+				std::memcpy(to.data(), at, to.size_bytes());
 			return;
 		}
 	}

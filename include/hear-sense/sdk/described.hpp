@@ -101,6 +101,11 @@ public:
 		entries.push_back(added);
 	}
 
+	size_t size() const
+	{
+		return entries.size();
+	}
+
 	/** The value of that event, if it is there already, is not the one that is kept. */
 	void value_changed(uint32_t index)
 	{
@@ -108,14 +113,11 @@ public:
 			entries[index].is_stale = true;
 	}
 
-	/** They are asked for soon; a long row the processor fetches ahead by itself. */
+	/** They are asked for soon. */
 	void prefetch() const
 	{
-		constexpr size_t cache_line = 64;
-		constexpr size_t most = 4096;
-		__builtin_prefetch(entries.data());
-		for (size_t at = 0; at < std::min(memory.size(), most); at += cache_line)
-			__builtin_prefetch(&memory[at]);
+		prefetch_row(entries);
+		prefetch_row(memory);
 	}
 
 	/** That of the event of that index; null where it does not fit the builder. */
@@ -140,6 +142,17 @@ private:
 		uint32_t size;
 		bool is_stale = false;
 	};
+
+	/** The rest of a long one the processor fetches ahead by itself. */
+	template <typename T>
+	static void prefetch_row(const std::vector<T> &row)
+	{
+		constexpr size_t cache_line = 64;
+		constexpr size_t most = 4096;
+		const auto *first = reinterpret_cast<const std::byte *>(row.data());
+		for (size_t at = 0; at < std::min(row.size() * sizeof(T), most); at += cache_line)
+			__builtin_prefetch(first + at);
+	}
 
 	void write_value(entry *changed)
 	{

@@ -185,7 +185,7 @@ struct handle : spa_handle {
 	static int on_get_event(void *object, uint32_t index, spa_pod **result, spa_pod_builder *builder) noexcept
 	{
 		plugin_base &plugin = plugin_of(object);
-		return get(plugin.events().size(), index, result, builder,
+		return get(plugin.n_events(), index, result, builder,
 			   [&] { return plugin.describe_event(index, builder); });
 	}
 

@@ -177,6 +177,11 @@ protected:
 		return static_cast<spa_pod *>(spa_pod_builder_pop(builder, &members));
 	}
 
+	size_t n_events() const
+	{
+		return descriptions.size();
+	}
+
 	/** The description of the event of that index; null where it does not fit the builder. */
 	spa_pod *describe_event(uint32_t index, spa_pod_builder *builder)
 	{
