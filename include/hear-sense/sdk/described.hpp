@@ -43,14 +43,20 @@ public:
 	spa_pod *describe(spa_pod_builder *builder) const
 	{
 		spa_pod_frame object;
-		spa_pod_builder_push_object(builder, &object, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo);
+		begin_description(builder, &object);
+		build_value(builder);
+		return static_cast<spa_pod *>(spa_pod_builder_pop(builder, &object));
+	}
+
+	/** All before the value, which is built next; `object` is popped after it. */
+	void begin_description(spa_pod_builder *builder, spa_pod_frame *object) const
+	{
+		spa_pod_builder_push_object(builder, object, SPA_TYPE_OBJECT_PropInfo, SPA_PARAM_PropInfo);
 		spa_pod_builder_prop(builder, SPA_PROP_INFO_name, 0);
 		spa_pod_builder_string(builder, own_title.c_str());
 		spa_pod_builder_prop(builder, SPA_PROP_INFO_description, 0);
 		spa_pod_builder_string(builder, own_description.c_str());
 		spa_pod_builder_prop(builder, SPA_PROP_INFO_type, 0);
-		build_value(builder);
-		return static_cast<spa_pod *>(spa_pod_builder_pop(builder, &object));
 	}
 
 	virtual void build_value(spa_pod_builder *builder) const = 0;
@@ -85,19 +91,20 @@ public:
 	/** One more, whose value takes `room` bytes at most; `event` (borrowed) stays where it is. */
 	void add(const described &event, size_t room)
 	{
-		spa_pod_builder nothing = SPA_POD_BUILDER_INIT(nullptr, 0);
-		event.build_value(&nothing);
-		const uint32_t value_size = nothing.state.offset;
-		nothing = SPA_POD_BUILDER_INIT(nullptr, 0);
-		event.describe(&nothing);
+		/* An object, three keys and two texts, each with what rounds it up. */
+		const size_t most = 96 + event.title().size() + event.description().size() + room;
 		entry added{.event = &event,
 			    .first = static_cast<uint32_t>(memory.size()),
-			    .value = nothing.state.offset - value_size,
-			    .room = static_cast<uint32_t>(room),
-			    .size = nothing.state.offset};
-		memory.resize(memory.size() + added.value + room);
-		spa_pod_builder builder = SPA_POD_BUILDER_INIT(&memory[added.first], added.value + added.room);
-		event.describe(&builder);
+			    .room = static_cast<uint32_t>(room)};
+		memory.resize(memory.size() + most);
+		spa_pod_builder builder = SPA_POD_BUILDER_INIT(&memory[added.first], static_cast<uint32_t>(most));
+		spa_pod_frame object;
+		event.begin_description(&builder, &object);
+		added.value = builder.state.offset;
+		event.build_value(&builder);
+		added.size = builder.state.offset;
+		spa_pod_builder_pop(&builder, &object);
+		memory.resize(added.first + added.value + room);
 		entries.push_back(added);
 	}
 
@@ -137,9 +144,9 @@ private:
 		const described *event;
 		/** Where it begins in the memory, and its value in it. */
 		uint32_t first;
-		uint32_t value;
+		uint32_t value = 0;
 		uint32_t room;
-		uint32_t size;
+		uint32_t size = 0;
 		bool is_stale = false;
 	};
 
