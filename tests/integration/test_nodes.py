@@ -75,7 +75,9 @@ def test_node_that_comes_back_is_published_again(bed):
         bed.unplug()
         client.wait_removed(plugin.path(), round_number)
         client.wait_removed(f"{ROOT}/AudioDevice0Input0", round_number)
-    assert plugin.methods("init", "clear").count("clear") == 3
+        # Objects go before the plug-in that they are of.
+        plugin.wait_call("clear", round_number)
+    assert plugin.methods("init", "clear") == ["init", "clear"] * 3
     assert client.managed_objects() == {}
 
 
