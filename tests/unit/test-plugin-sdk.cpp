@@ -699,6 +699,32 @@ TEST(PluginSdk, RefusesSettingsAndEventsThatComeTooLate)
 	EXPECT_EQ(hosted->interface->funcs->get_event(hosted->interface->data, 0, nullptr, nullptr), 0);
 }
 
+TEST(PluginSdk, RefusesMembersThatComeTooLate)
+{
+	class late : public plugin
+	{
+	public:
+		using plugin::plugin;
+
+		struct_event whole{*this, {.title = "Whole"}};
+		member<bool> part{whole, "Part"};
+		std::deque<member<std::string>> members_made;
+
+	private:
+		int start() override
+		{
+			members_made.emplace_back(whole, "Late");
+			return 0;
+		}
+		void process(channels) override
+		{
+		}
+	};
+	sdk_hosted<late> hosted;
+	EXPECT_EQ(hosted->init(), -EINVAL);
+	EXPECT_STREQ(hosted->event(0)->signature, "(b)");
+}
+
 TEST(PluginSdk, AnswersNothingForAnIndexThatIsNotThereOrThatDoesNotFit)
 {
 	sdk_hosted<all_events> hosted;

@@ -90,7 +90,7 @@ To convert(From value)
 	}
 }
 
-/** Silences what is no number; eight at a time, which compilers do side by side. */
+/** With silence for what is no number; eight at a time, which compilers do side by side. */
 inline void copy_numbers(const std::byte *from, std::span<float> to)
 {
 	constexpr size_t width = 8;

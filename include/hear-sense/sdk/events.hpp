@@ -240,6 +240,7 @@ private:
 
 	void add(member_base *member)
 	{
+		check_open(member->own_name);
 		if (!detail::is_name(member->own_name))
 			detail::refuse(title(), "has a member whose name is not made of letters, digits and \"_\"");
 		for (const member_base *other : members) {

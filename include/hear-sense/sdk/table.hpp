@@ -101,6 +101,8 @@ protected:
 
 	/** For all that writes the value: it is described anew when the daemon asks. */
 	void value_changed() const;
+	/** For what the value is made of: its place is measured when the plug-in is constructed. */
+	void check_open(std::string_view part) const;
 
 private:
 	friend class table;
@@ -366,6 +368,11 @@ inline event_base::event_base(table &table, event_info info)
 inline void event_base::value_changed() const
 {
 	owner.descriptions.value_changed(own_index);
+}
+
+inline void event_base::check_open(std::string_view part) const
+{
+	owner.check_open(part);
 }
 
 inline void event_base::notify() const
