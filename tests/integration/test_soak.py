@@ -30,6 +30,8 @@ SETTING_SECONDS = 0.5
 CLIENT_SECONDS = 1.0
 GUEST_SECONDS = 4.0
 SAMPLE_SECONDS = max(0.5, SECONDS / 400)
+#: A stream that comes or goes changes them several times within this.
+SETTLED_SECONDS = 2.0
 #: What one instance, client or signal that stayed in each round would come to in an hour is far more.
 ALLOWED_KIB = 1024
 
@@ -143,6 +145,22 @@ class Soak:
         share = (row["cpu_seconds"] - before["cpu_seconds"]) / (row["seconds"] - before["seconds"])
         self.rows.append(row | {"cpu_share": round(share, 4)})
 
+    def held(self):
+        return self.daemon.descriptors(), self.daemon.threads(), len(self.client.managed_objects())
+
+    def settled(self):
+        """What is held once that has not changed for a while; a stream that goes gives back its memory late."""
+        last, since = self.held(), time.monotonic()
+
+        def unchanged():
+            nonlocal last, since
+            if (now := self.held()) != last:
+                last, since = now, time.monotonic()
+            return time.monotonic() - since >= SETTLED_SECONDS
+
+        wait_until(unchanged, lambda: f"still changing: {last} descriptors, threads and objects", 30, 0.1)
+        return last
+
     def rest(self):
         """The guests are gone, and everything that was fired has been heard."""
         for guest in self.guests:
@@ -208,7 +226,7 @@ def test_nothing_grows_and_no_event_is_lost_with_32_microphones(own_bed):
     # What is allocated once and kept is allocated now.
     soak.run(min(60, max(10, SECONDS / 10)))
     soak.rest()
-    before = soak.daemon.descriptors(), soak.daemon.threads(), len(soak.client.managed_objects())
+    before = soak.settled()
     soak.rows.clear()
     try:
         soak.run(SECONDS)
@@ -217,10 +235,7 @@ def test_nothing_grows_and_no_event_is_lost_with_32_microphones(own_bed):
         if OUTPUT:
             soak.save(pathlib.Path(OUTPUT))
 
-    def now():
-        return soak.daemon.descriptors(), soak.daemon.threads(), len(soak.client.managed_objects())
-
-    wait_until(lambda: now() == before, lambda: f"{before} descriptors, threads and objects, not {now()}")
+    wait_until(lambda: soak.held() == before, lambda: f"{before} descriptors, threads and objects, not {soak.held()}")
     # Without the guest, whose stream has memory of its own.
     memory = [row["resident_kib"] for row in soak.rows if row["objects"] == before[2]]
     quarter = max(1, len(memory) // 4)
