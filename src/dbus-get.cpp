@@ -116,19 +116,26 @@ int get_bool(sd_bus *bus, const char *path, const char *interface, const char *p
 template <typename T>
 using parse_integer = bool (*)(const char *, T *, int);
 
-/** `Type` is the D-Bus type. */
-template <typename T, char Type, parse_integer<T> Parse>
+/** `Type` is the D-Bus type, `Name` the type's, for the log. */
+template <typename T, char Type, parse_integer<T> Parse, const char *Name>
 int append_integer(sd_bus_message *reply, const hs_source *, const char *, const entry &entry)
 {
 	T value = 0;
-	return Parse(entry.value, &value, 0) ? sd_bus_message_append_basic(reply, Type, &value) : -EINVAL;
+	if (Parse(entry.value, &value, 0))
+		return sd_bus_message_append_basic(reply, Type, &value);
+	/* As PipeWire says it of a table's entry. */
+	if (entry.value)
+		pw_log_warn("Failed to parse \"value\"=\"%s\" as %s", entry.value, Name);
+	return -EINVAL;
 }
 
-constexpr append_entry append_uint32 = append_integer<uint32_t, 'u', spa_atou32>;
-constexpr append_entry append_int32 = append_integer<int32_t, 'i', spa_atoi32>;
-constexpr append_entry append_int64 = append_integer<int64_t, 'x', spa_atoi64>;
+constexpr char uint32_name[] = "uint32";
+constexpr char int32_name[] = "int32";
+constexpr char int64_name[] = "int64";
+constexpr append_entry append_uint32 = append_integer<uint32_t, 'u', spa_atou32, uint32_name>;
+constexpr append_entry append_int32 = append_integer<int32_t, 'i', spa_atoi32, int32_name>;
+constexpr append_entry append_int64 = append_integer<int64_t, 'x', spa_atoi64, int64_name>;
 
-/** `Name` is the type's, for the log. */
 template <typename T, bool (*Parse)(const char *, T *), const char *Name>
 int append_real(sd_bus_message *reply, const hs_source *, const char *property, const entry &entry)
 {

@@ -436,8 +436,8 @@ void update_timer(bus_event_data *data, timespec when)
 
 void bus_event_data_update(bus_event_data *data)
 {
-	HS_ASSERT(data->bus);
-	HS_ASSERT(loop_of(data->loop));
+	HS_ASSERT_TEXT(data->bus, "bus");
+	HS_ASSERT_TEXT(loop_of(data->loop), "loop");
 
 	const bus_wait wait = ask_bus(data);
 	update_io(data);

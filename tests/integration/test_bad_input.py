@@ -182,6 +182,10 @@ NONSENSE = [
     "struct-empty",
     "array-nested",
 ]
+#: Of a description that is known already, only the value counts.
+NAMELESS = ["no-name", "no-description", "wrong-name"]
+#: These have one.
+OTHER_VALUES = [*NAMELESS, "big", "struct-empty", "array-nested"]
 
 
 @pytest.mark.parametrize("pod", NONSENSE)
@@ -213,8 +217,8 @@ def test_nonsense_setting_spares_its_neighbours(bed, neighbour, pod):
     assert daemon.alive
 
 
-@pytest.mark.parametrize("pod", NONSENSE)
-def test_event_that_turns_to_nonsense_keeps_its_last_value(bed, neighbour, pod):
+def turn_state_to(bed, neighbour, pod):
+    """What the event State is before and after its plug-in describes it as `pod`."""
     plugin = bed.plugin(
         enabled=True,
         events=[struct_event("State", {"Detected": ("boolean", True), "Report": ("boolean", True)}), event("Other")],
@@ -223,12 +227,33 @@ def test_event_that_turns_to_nonsense_keeps_its_last_value(bed, neighbour, pod):
     daemon, client = bed.start()
     assert_works(client, neighbour)
     plugin.wait_call("process")
+
+    def state():
+        return client.get(plugin.path(), plugin.event_interface("State"), "State")
+
+    before = state()
     plugin.command(f"pod State {pod}")
     plugin.set("Other", True)
     client.wait_change(plugin.event_interface("Other"), "Other", True)
+    after = state()
     bed.unplug()
     plugin.wait_call("clear")
     assert daemon.alive
+    return before, after
+
+
+@pytest.mark.parametrize("pod", [pod for pod in NONSENSE if pod not in OTHER_VALUES])
+def test_event_that_turns_to_nonsense_keeps_its_last_value(bed, neighbour, pod):
+    before, after = turn_state_to(bed, neighbour, pod)
+    assert before == {"Detected": True, "Report": True}
+    # Whether it reports is asked of the plug-in at each read.
+    assert after == {"Detected": True, "Report": False}
+
+
+@pytest.mark.parametrize("pod", OTHER_VALUES)
+def test_event_that_turns_to_another_value_does_no_harm(bed, neighbour, pod):
+    _, after = turn_state_to(bed, neighbour, pod)
+    assert after == ({"Detected": True, "Report": True} if pod in NAMELESS else {})
 
 
 def test_event_of_another_type_than_at_first_does_no_harm(bed):

@@ -88,6 +88,7 @@ def test_default_pattern_selects_raw_inputs_only(bed):
         "AudioDevice0Input0",
         "AudioDevice0Input1.Processed",
         "AudioDeviceInput0.Unprocessed",
+        "AudioDevice0Input.Unprocessed",
         "AudioDevice0Input2xUnprocessed",
     ]
     for name in yes + no:

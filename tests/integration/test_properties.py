@@ -150,6 +150,7 @@ def test_null_topics_and_null_texts_are_empty(published):
     values = client.get_all(plugin.path(), plugin.event_interface("Speech"))
     assert [values[f"Topic{i}Name"] for i in range(3)] == ["", "voice", "a"]
     assert values["Topic1NiceName"] == values["Topic1Namespace"] == ""
+    assert values["Topic2NiceName"] == "b"
     assert values["Topic2Namespace"] == "c"
 
 

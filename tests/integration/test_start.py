@@ -7,6 +7,7 @@ import signal
 import subprocess
 
 import pytest
+from bed.client import ALLOW_REPLACEMENT, REPLACE_EXISTING, SERVICE
 from bed.process import wait_until
 from bed.servers import Bus
 
@@ -161,13 +162,22 @@ def test_missing_pipewire_is_one_error_and_ends_with_1(bed):
     assert not bed.client().has_owner()
 
 
-def test_name_that_is_taken_ends_with_1_and_leaves_it_to_its_owner(bed):
+@pytest.mark.parametrize("flags", [0, ALLOW_REPLACEMENT], ids=["for good", "until somebody takes it"])
+def test_name_that_is_taken_ends_with_1_and_leaves_it_to_its_owner(bed, flags):
     owner = bed.client()
-    assert owner.own("com.orvel.HearSense") == 1
+    assert owner.own(SERVICE, flags) == 1
     daemon = bed.spawn()
     assert daemon.status() == 1
     assert daemon.log_count("Could not aquire name on bus: File exists") == 1
-    assert owner.has_owner()
+    # Still.
+    assert owner.own(SERVICE) == 4
+
+
+def test_name_is_given_up_to_nobody(bed):
+    daemon, client = bed.start()
+    assert client.own(SERVICE, REPLACE_EXISTING) == 3
+    assert client.managed_objects() == {}
+    assert daemon.alive
 
 
 def test_second_daemon_ends_with_1_and_the_first_goes_on(bed):
@@ -316,7 +326,7 @@ def test_pipewire_that_goes_away_is_one_error_and_ends_the_daemon_with_0(own_bed
     plugin.wait_call("process")
     own_bed.graph.server.kill()
     assert daemon.status() == 0
-    assert daemon.log_count("PipeWire connection lost: ") == 1
+    assert [line[:3] for line in daemon.log_lines("PipeWire connection lost: ")] == ["[E]"]
     assert daemon.log_count("Exiting.") == 1
     assert not client.has_owner()
     assert plugin.methods("clear") == ["clear"]

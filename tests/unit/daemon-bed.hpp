@@ -48,8 +48,8 @@ struct hs_test_host : hs_library_host {
 
 	/** Called for every plug-in before its interface is handed out. */
 	std::function<void(hs_handmade_plugin &)> prepare;
-	/** Called while a handle is cleared. */
-	std::function<void(hs_handmade_plugin &)> at_clear;
+	/** Called while a handle is cleared, with its plug-in; null where it has none. */
+	std::function<void(hs_handmade_plugin *)> at_clear;
 	int init_result = 0;
 	int get_interface_result = 0;
 	bool has_interface = true;
@@ -94,8 +94,8 @@ private:
 	{
 		hs_test_host *self = self_of(host);
 		++self->n_cleared;
-		if (interface && self->at_clear)
-			self->at_clear(*static_cast<hs_handmade_plugin *>(interface->data));
+		if (self->at_clear)
+			self->at_clear(interface ? static_cast<hs_handmade_plugin *>(interface->data) : nullptr);
 	}
 };
 

@@ -363,20 +363,36 @@ TEST_F(DBusProperty, IntegersAreReadFromTheirTexts)
 	EXPECT_EQ(read("x", "9223372036854775807"), "x 9223372036854775807");
 }
 
-TEST_F(DBusProperty, AnIntegerThatIsNoneOrOutOfRangeFails)
+TEST_F(DBusProperty, AnIntegerThatIsNoneOrOutOfRangeIsWarnedOfAndFails)
 {
+	const auto expect_failure = [this](const char *signature, const char *value, const std::string &type) {
+		capture.clear();
+		EXPECT_TRUE(fails(signature, value)) << value;
+		const std::string warning = "Failed to parse \"value\"=\"" + std::string{value} + "\" as " + type;
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, warning), 1u) << capture.text();
+	};
 	for (const char *value : {"4294967296", "-1294967296", "x", "1.5", ""})
-		EXPECT_TRUE(fails("u", value)) << value;
+		expect_failure("u", value, "uint32");
 	for (const char *value : {"2147483648", "-2147483649", "x", ""})
-		EXPECT_TRUE(fails("i", value)) << value;
+		expect_failure("i", value, "int32");
 	for (const char *value : {"9223372036854775808", "x", ""})
-		EXPECT_TRUE(fails("x", value)) << value;
+		expect_failure("x", value, "int64");
 }
 
 TEST_F(DBusProperty, AMissingValueFails)
 {
-	for (const char *signature : {"b", "u", "i", "x", "f", "d"})
+	for (const char *signature : {"b", "u", "i", "x"})
 		EXPECT_TRUE(fails(signature, nullptr)) << signature;
+	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+}
+
+TEST_F(DBusProperty, AMissingFloatIsWarnedOfAndFails)
+{
+	EXPECT_TRUE(fails("f", nullptr));
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "\"=\"(null)\" as float"), 1u) << capture.text();
+	EXPECT_TRUE(fails("d", nullptr));
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "\"=\"(null)\" as double"), 1u) << capture.text();
+	EXPECT_EQ(capture.complaints(), 2u) << capture.text();
 }
 
 TEST_F(DBusProperty, AFloatIsSentAsADoubleOfItsPrecision)

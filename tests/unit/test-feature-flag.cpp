@@ -458,6 +458,8 @@ TEST_F(FeatureFlagState, TheFirstFlagOfTheAnswerCounts)
 {
 	EXPECT_FALSE(ask(states({{"hear_sense_preview", false}, {"other", true}})));
 	EXPECT_TRUE(ask(states({{"hear_sense_preview", true}, {"other", false}})));
+	EXPECT_FALSE(ask(states({{"other", false}, {"hear_sense_preview", true}})));
+	EXPECT_TRUE(ask(states({{"other", true}, {"hear_sense_preview", false}})));
 	EXPECT_EQ(complaints(), strings{});
 }
 

@@ -93,6 +93,12 @@ int __wrap_pw_main_loop_quit(pw_main_loop *loop)
 	return __real_pw_main_loop_quit(loop);
 }
 
+int __real_pw_main_loop_run(pw_main_loop *loop);
+int __wrap_pw_main_loop_run(pw_main_loop *loop)
+{
+	return hs_must_fail("pw_main_loop_run") ? -errno : __real_pw_main_loop_run(loop);
+}
+
 int __real_sd_bus_get_events(sd_bus *bus);
 int __wrap_sd_bus_get_events(sd_bus *bus)
 {
@@ -423,6 +429,15 @@ TEST_F(Loop, BorrowsTheMainBusForTheRun)
 		EXPECT_FALSE(is_attached(main_bus()));
 	}
 	EXPECT_EQ(capture.complaints(), 0u) << capture.text();
+}
+
+TEST_F(Loop, TellsWhyPipeWiresLoopDidNotRunAndLeavesTheMainBusAlone)
+{
+	hs_fail_call("pw_main_loop_run", 1, EIO);
+	EXPECT_EQ(hs_loop_run(bed.get(), main_bus()), -EIO);
+	EXPECT_FALSE(is_attached(main_bus()));
+	bed.step();
+	EXPECT_TRUE(capture.lines().empty()) << capture.text();
 }
 
 TEST_F(Loop, TheMainBusIsAttachedAfterThePrivateBusesThatCameBefore)
@@ -1042,6 +1057,12 @@ TEST_F(Loop, AFailureToReArmOneSourceDoesNotKeepTheOthersFromIt)
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not update timer source for bus " + pointer(bus) + "."), 1u)
 			<< capture.text();
 		EXPECT_EQ(capture.complaints(), 1u);
+
+		told = {bus, 0};
+		bed.step();
+		EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_TRACE, "on_idle bus " + pointer(bus) + " (state 0)"))
+			<< capture.text();
+		told = {};
 		/* Input still wakes it. */
 		close(silent_socket);
 		EXPECT_TRUE(wait([&] { return !is_attached(bus); }));
@@ -1051,18 +1072,28 @@ TEST_F(Loop, AFailureToReArmOneSourceDoesNotKeepTheOthersFromIt)
 
 TEST_F(Loop, AFailureToReArmTheInputIsTriedAgainAtTheNextPoll)
 {
+	/* The bus and its client take two. */
 	const int io_fd = hs_next_descriptor() + 2;
+	const int timer_fd = io_fd + 1;
 	int socket;
 	sd_bus *bus = add_silent(&socket);
 	const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
 	ASSERT_EQ(dup2(nothing, io_fd), io_fd);
 	run([&] {
+		told = {bus, UINT64_MAX};
 		capture.clear();
 		bed.step();
 		bed.step();
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not update io source for bus " + pointer(bus) + "."), 2u)
 			<< capture.text();
 		EXPECT_EQ(capture.complaints(), 2u);
+		expect_armed_for(timer_fd, far_future);
+
+		told = {bus, 0};
+		bed.step();
+		EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_TRACE, "on_idle bus " + pointer(bus) + " (state 0)"))
+			<< capture.text();
+		told = {};
 		EXPECT_TRUE(main_client().ping());
 	});
 	close(nothing);

@@ -9,6 +9,7 @@
 
 #include "daemon-bed.hpp"
 #include "pcm.hpp"
+#include "proxy-watch.hpp"
 #include "source.hpp"
 
 namespace
@@ -290,6 +291,13 @@ TEST_F(Metadata, UnbindingTwiceIsOnce)
 	hs_metadata_unbind(watch);
 	hs_metadata_unbind(watch);
 	EXPECT_EQ(watch->proxy, nullptr);
+}
+
+TEST_F(Metadata, UnbindingDestroysTheProxy)
+{
+	const hs_proxy_watch proxy{watch->proxy};
+	hs_metadata_unbind(watch);
+	EXPECT_TRUE(proxy.is_destroyed());
 }
 
 TEST_F(Metadata, ChangeRestartsTheDevicesPluginsWithTheNewTexts)

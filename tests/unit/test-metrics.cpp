@@ -287,6 +287,13 @@ TEST_F(Metrics, CountsAreCutTo32Bits)
 	EXPECT_EQ(hs_read_text(file), content("5", "-3"));
 }
 
+TEST_F(Metrics, CountsAreDecimal)
+{
+	hs_write_text(file, "\"enabled_count\": 010 \"disabled_count\": 0x10");
+	hs_metrics_set_active(create().get(), true);
+	EXPECT_EQ(hs_read_text(file), content("10", "0"));
+}
+
 TEST_F(Metrics, AnUnknownCounterIsWarnedOfAndNothingIsWritten)
 {
 	const metrics_ptr metrics = create();

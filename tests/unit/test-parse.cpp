@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include "comma-locale.hpp"
 #include "log-capture.hpp"
 #include "owned.hpp"
@@ -256,6 +258,7 @@ TEST(ParseArray, TextElementsAreToldAs1024BytesEach)
 {
 	const packed array{"[ one, \"two words\", \"\" ]", "as"};
 	EXPECT_EQ(array.size, 3u * 1024);
+	EXPECT_GE(malloc_usable_size(array.elements.get()), array.size);
 	EXPECT_EQ(array.take_texts(), (std::vector<std::string>{"one", "two words", ""}));
 }
 

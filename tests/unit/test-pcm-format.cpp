@@ -240,6 +240,21 @@ TEST(PcmFormat, EmptyPositionIsWarnedOf)
 	}
 }
 
+TEST(PcmFormat, PositionThatCanNotBeReadIsWarnedOf)
+{
+	/* An escape that JSON does not have; a name of more than 255 characters, as one of two. */
+	const std::pair<const char *, std::string> positions[] = {
+		{"1", R"([ FL "\x" ])"}, {"1", R"([ "\x" ])"}, {"1", "[ FL, " + std::string(300, 'x') + " ]"}};
+	for (const auto &[channels, position] : positions) {
+		const hs_log_capture capture;
+		bool dont_remix = false;
+		with_position(channels, position.c_str(), &dont_remix);
+		EXPECT_FALSE(dont_remix);
+		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, unreadable), 1u) << position << capture.text();
+		EXPECT_EQ(capture.complaints(), 1u) << capture.text();
+	}
+}
+
 TEST(PcmFormat, PositionThatIsNoListIsWarnedOf)
 {
 	const hs_log_capture capture;

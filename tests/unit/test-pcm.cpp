@@ -335,6 +335,15 @@ TEST_F(PcmInstance, DeinitClearsItsFlagFirst)
 	        << capture.text();
 }
 
+TEST_F(PcmInstance, DeinitOfAnActiveInstanceLeavesItActive)
+{
+	source.is_initialized = true;
+	source.is_active = true;
+	hs_pcm_plugin_deinit(&pcm);
+	EXPECT_EQ(plugin.calls, calls{"deinit"});
+	EXPECT_EQ(state(), " active");
+}
+
 TEST_F(PcmInstance, DeinitOfAnUninitialisedInstanceDoesNothing)
 {
 	const hs_log_capture capture;
@@ -1046,6 +1055,7 @@ TEST_F(PcmStream, BufferThatFailsACheckIsNeitherHeardNorQueued)
 	expect_error("No buffer allocated in " + address(&buffer));
 	lend_buffer();
 	data.n_datas = 0;
+	data.datas = nullptr;
 	expect_error("No data members present in " + address(&data));
 	lend_buffer();
 	data.datas = nullptr;

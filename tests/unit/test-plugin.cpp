@@ -344,8 +344,9 @@ TEST(Plugin, DestroyingIsToldBeforeItsSourcesGo)
 	ASSERT_NE(hs_source_new(plugin, "a", nullptr, (bed.settings + "/x.conf").c_str(), &node), nullptr);
 	const hs_log_capture capture;
 	size_t n_told = 0;
-	bed.host.at_clear = [&](hs_handmade_plugin &) {
+	bed.host.at_clear = [&](const hs_handmade_plugin *) {
 		n_told = capture.count(SPA_LOG_LEVEL_DEBUG, ": destroy plugin 'motion'");
+		EXPECT_FALSE(spa_list_is_empty(&bed.context->plugins));
 	};
 	hs_plugin_destroy(plugin);
 	EXPECT_EQ(n_told, 1u) << capture.text();
@@ -401,6 +402,7 @@ TEST(Plugin, HandleWithoutTheInterfaceIsUnloaded)
 	hs_plugin *plugin = bed.add_plugin("motion");
 	bed.host.has_interface = false;
 	const hs_log_capture capture;
+	bed.host.at_clear = [&](const hs_handmade_plugin *) { EXPECT_EQ(capture.complaints(), 0u) << capture.text(); };
 	const loaded motion(plugin);
 	EXPECT_FALSE(motion.ok);
 	EXPECT_EQ(motion.handle, nullptr);
@@ -428,7 +430,7 @@ TEST(Plugin, InterfaceOfVersion1IsRefusedAndItsHandleUnloaded)
 		bed.host.n_cleared = 0;
 		const hs_log_capture capture;
 		size_t n_errors_at_clear = 0;
-		bed.host.at_clear = [&](hs_handmade_plugin &) {
+		bed.host.at_clear = [&](const hs_handmade_plugin *) {
 			n_errors_at_clear = capture.count(SPA_LOG_LEVEL_ERROR);
 		};
 		const loaded motion(plugin);
@@ -573,8 +575,8 @@ TEST(Plugin, NotificationWhileTheHandleIsClearedIsIgnored)
 {
 	hs_daemon_bed bed;
 	bool notified = false;
-	bed.host.at_clear = [&notified](hs_handmade_plugin &made) {
-		made.interface.notify_event(&made.interface, 0);
+	bed.host.at_clear = [&notified](hs_handmade_plugin *made) {
+		made->interface.notify_event(&made->interface, 0);
 		notified = true;
 	};
 	{

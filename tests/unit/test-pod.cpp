@@ -780,7 +780,7 @@ TEST(PodParse, AnotherValueTypeIsWarnedOfWithItsId)
 
 TEST(PodParse, AValueOfMoreThan0xfffffBytesIsRefused)
 {
-	for (const uint32_t n : {0xfffff - 8u - 1u, 0xfffff - 8u + 1u}) {
+	for (const uint32_t n : {0xfffff - 8u, 0xfffff - 8u + 1u}) {
 		const hs_log_capture log;
 		pod_buffer buffer{0x110000};
 		buffer.describe();

@@ -318,6 +318,7 @@ TEST(PwSourceSelection, DefaultPatternTakesRawMicrophones)
 	EXPECT_FALSE(selects("", "AudioDevice0Input0"));
 	EXPECT_FALSE(selects("", "AudioDevice0Input0XUnprocessed"));
 	EXPECT_FALSE(selects("", "AudioDeviceInput0.Unprocessed"));
+	EXPECT_FALSE(selects("", "AudioDevice0Input.Unprocessed"));
 	EXPECT_FALSE(selects("", "AudioDevice0Output0.Unprocessed"));
 }
 

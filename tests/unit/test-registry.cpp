@@ -11,6 +11,7 @@
 
 #include "daemon-bed.hpp"
 #include "failing-new.hpp"
+#include "proxy-watch.hpp"
 #include "source.hpp"
 
 namespace
@@ -245,7 +246,9 @@ TEST_F(Registry, DestroyingClearsTheCallersPointer)
 
 TEST_F(Registry, DestroyedOneHearsNothingMore)
 {
+	const hs_proxy_watch proxy{bed.registry->registry};
 	hs_registry_destroy(&bed.registry);
+	EXPECT_TRUE(proxy.is_destroyed());
 	bed.context->registry = nullptr;
 	bed.add_node("source", "Audio/Source");
 	EXPECT_TRUE(nodes().empty());

@@ -201,6 +201,11 @@ TEST_F(Settings, TableHasTheSchemaThePathAndAnEntryPerLowerCasedTitle)
 	EXPECT_EQ(pw_properties_get(source->settings, "path"), path);
 }
 
+TEST(SettingName, IsTheTitleWithItsLatinCapitalsMadeSmall)
+{
+	EXPECT_EQ(hs_setting_name("@AZ[`az{ \u00c4"), "@az[`az{ \u00c4");
+}
+
 TEST_F(Settings, EntryHoldsThePluginsDefaultTwice)
 {
 	make();
@@ -618,6 +623,11 @@ TEST_F(Settings, SwitchingOffWithoutARunningStreamMarksReports)
 	ASSERT_FALSE(source->pcm->stream_active);
 	plugin->calls.clear();
 	const hs_log_capture capture;
+	plugin->at_call = [&](const std::string &) {
+		EXPECT_FALSE(source->enabled);
+		EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_INFO, "Disable plugin ")) << capture.text();
+		EXPECT_TRUE(counts("disabled_count", 1)) << metrics();
+	};
 	EXPECT_TRUE(handle("Enable", "false", "boolean"));
 	EXPECT_EQ(plugin->calls, (texts{"get_event", "get_event", "get_event", "get_event"}));
 	EXPECT_FALSE(capture.contains(SPA_LOG_LEVEL_DEBUG, "stop pcm")) << capture.text();
@@ -635,7 +645,7 @@ TEST_F(Settings, SwitchingWorksWithoutAPipeline)
 	source->pcm = pcm;
 }
 
-TEST_F(Settings, EnableOfTheSameOrAnyOtherValueChangesNothing)
+TEST_F(Settings, EnableOfTheSameOrAnyOtherValueIsKeptAndSwitchesNothing)
 {
 	make();
 	plugin->calls.clear();
@@ -644,6 +654,8 @@ TEST_F(Settings, EnableOfTheSameOrAnyOtherValueChangesNothing)
 	EXPECT_TRUE(handle("Enable", "maybe", "boolean"));
 	EXPECT_TRUE(handle("Enable", "TRUE", "boolean"));
 	EXPECT_FALSE(source->enabled);
+	EXPECT_EQ(value("enable"), "TRUE");
+	EXPECT_NE(file().find("\"enable\": \"TRUE\""), std::string::npos) << file();
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_INFO), 0u) << capture.text();
 	EXPECT_TRUE(plugin->calls.empty());
 	EXPECT_TRUE(counts("enabled_count", 0)) << metrics();
@@ -769,7 +781,11 @@ TEST_F(Settings, DisturbanceIsCountedUpByThePluginsOwnNumber)
 		plugin->calls.clear();
 		plugin->taken.clear();
 		const hs_log_capture capture;
+		plugin->at_call = [&](const std::string &call) {
+			EXPECT_EQ(capture.contains(SPA_LOG_LEVEL_DEBUG, "counter is now"), call == "set_settings");
+		};
 		EXPECT_TRUE(hs_source_handle_settings(source, nullptr, transient_name, nullptr, nullptr));
+		plugin->at_call = nullptr;
 		EXPECT_EQ(plugin->calls, (texts{"get_settings", "set_settings"}));
 		EXPECT_EQ(plugin->taken, texts{std::string{transient_name} + " = Long " + next});
 		EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG,
@@ -777,6 +793,26 @@ TEST_F(Settings, DisturbanceIsCountedUpByThePluginsOwnNumber)
 		          1u)
 		        << capture.text();
 	}
+}
+
+TEST_F(Settings, DisturbanceIsCountedInPlaceOfTheValueThatIsStoredOrWritten)
+{
+	prepare = [](hs_handmade_plugin &p) {
+		p.settings = {hs_describe_int(transient_name, 0)};
+		p.present_settings = counter([](spa_pod_builder *b) { spa_pod_builder_long(b, 41); });
+	};
+	const std::string key = hs_setting_name(transient_name);
+	hs_write_text(path, "{ \"" + key + "\": 9 }");
+	make();
+	EXPECT_EQ(plugin->taken, texts{std::string{transient_name} + " = Long 42"});
+	EXPECT_EQ(value(key.c_str()), "9");
+	EXPECT_EQ(file(), ",\n \"enable\": false,\n \"" + key + "\": 9\n}");
+
+	plugin->taken.clear();
+	EXPECT_TRUE(handle(transient_name, "5", "int64"));
+	EXPECT_EQ(plugin->taken, texts{std::string{transient_name} + " = Long 42"});
+	EXPECT_EQ(value(key.c_str()), "42");
+	EXPECT_EQ(file(), ",\n \"enable\": false,\n \"" + key + "\": 42\n}");
 }
 
 TEST_F(Settings, DisturbanceCounterMayBeNestedOrDescribed)

@@ -20,6 +20,10 @@ ERROR = "com.orvel.HearSense.Error"
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 PROPERTIES = "org.freedesktop.DBus.Properties"
 OBJECTS = "org.freedesktop.DBus.ObjectManager"
+#: Flags of a request for a name.
+ALLOW_REPLACEMENT = 1
+REPLACE_EXISTING = 2
+DO_NOT_QUEUE = 4
 
 
 class CallFailed(Exception):
@@ -220,9 +224,9 @@ class BusClient(Peer):
     def has_owner(self, name=SERVICE):
         return self._bus("NameHasOwner", "s", (name,))[0]
 
-    def own(self, name):
-        """Takes a well-known name; 1 when this connection has it now."""
-        return self._bus("RequestName", "su", (name, 4))[0]
+    def own(self, name, flags=0):
+        """Takes a well-known name, without waiting for it; 1 when this connection has it now."""
+        return self._bus("RequestName", "su", (name, flags | DO_NOT_QUEUE))[0]
 
     def release(self, name):
         self._bus("ReleaseName", "s", (name,))
