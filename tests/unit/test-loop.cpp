@@ -961,6 +961,28 @@ TEST_F(Loop, ABusThatIsGivenUpIsNotListenedToAnyMore)
 	}
 }
 
+TEST_F(Loop, ABusThatIsGivenUpIsNotWaitedForAnyMore)
+{
+	/* That of the main bus lives on until the run ends. */
+	for (const failing_bus &failure :
+	     {failing_bus{main_bus(), -ENOTCONN, 0, 0}, failing_bus{main_bus(), -EINVAL, 0, 0},
+	      failing_bus{main_bus(), 0, -EINVAL, 0}}) {
+		failing = {};
+		/* What starts the script takes two, then come the loop's duplicate and the timer. */
+		const int timer_fd = hs_next_descriptor() + 3;
+		bed.run_until_quit(main_bus(), [&] {
+			const int64_t moment = now_nsec() / 1000 * 1000 + int64_t{100} * 1000000000;
+			told = {main_bus(), static_cast<uint64_t>(moment) / 1000};
+			bed.step();
+			bed.step();
+			expect_armed_for(timer_fd, moment);
+			failing = failure;
+			bed.step();
+			expect_armed_for(timer_fd, far_future);
+		});
+	}
+}
+
 TEST_F(Loop, AFailureToProcessIsToldWithItsCause)
 {
 	int socket;
