@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "daemon-bed.hpp"
+#include "dbus.hpp"
 #include "failing-new.hpp"
 #include "pcm.hpp"
 #include "pod.hpp"
@@ -630,6 +631,26 @@ TEST_F(Source, ABusThatGoesLeavesTheSourcesInTheOrderInWhichItCameToThem)
 		}
 		EXPECT_EQ(stopped, expected) << capture.text();
 	}
+}
+
+TEST_F(Source, ABusThatGoesLeavesTheSourcesBeforeItsObjectsGo)
+{
+	hs_source *source = make();
+	hs_bed_bus &bus = bed.add_private_bus();
+	ASSERT_TRUE(hs_dbus_setup_source_interface(source, bus.bus()));
+	hs_loop_bus_set_event_status(bed.loop, bus.bus(), "Level", source, true);
+	const hs_log_capture capture;
+	hs_loop_do_quit(bed.loop, 0);
+	std::vector<std::string> steps;
+	for (const hs_log_capture::line &line : capture.lines()) {
+		for (const char *step : {"Destroy bus event data: ", ": stop pcm", ": destroy dbus "}) {
+			if (line.text.find(step) != std::string::npos)
+				steps.emplace_back(step);
+		}
+	}
+	EXPECT_EQ(steps, (std::vector<std::string>{"Destroy bus event data: ", ": stop pcm", ": destroy dbus ",
+						   ": destroy dbus "}))
+		<< capture.text();
 }
 
 TEST_F(Source, DestroyingBearsAPluginThatDescribesMoreEventsThanBefore)
