@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,8 @@ struct connection {
 connection last_connection;
 /** What streams were told of being active. */
 std::vector<bool> activations;
+/** Called while a stream is told. */
+std::function<void()> at_activation;
 
 } // namespace
 
@@ -72,6 +75,8 @@ int __real_pw_stream_set_active(pw_stream *stream, bool active);
 int __wrap_pw_stream_set_active(pw_stream *stream, bool active)
 {
 	activations.push_back(active);
+	if (at_activation)
+		at_activation();
 	return __real_pw_stream_set_active(stream, active);
 }
 
@@ -145,6 +150,7 @@ struct PcmStream : testing::Test {
 	{
 		lent_buffer = nullptr;
 		queued_buffers.clear();
+		at_activation = nullptr;
 	}
 
 	/** Makes the source; its plug-in's own record of calls begins behind that. */
@@ -155,6 +161,15 @@ struct PcmStream : testing::Test {
 		ASSERT_NE(source, nullptr);
 		plugin = bed.host.plugins.back().get();
 		plugin->calls.clear();
+	}
+
+	/** What a bus knows of an event of the source. */
+	std::string status(sd_bus *bus, const char *event) const
+	{
+		bool enabled = false;
+		if (!hs_loop_bus_get_event_status(bed.loop, bus, source, event, &enabled))
+			return "no such bus";
+		return enabled ? "enabled" : "disabled";
 	}
 
 	std::string property(const char *key) const
@@ -626,6 +641,34 @@ TEST_F(PcmStream, StopsWheneverItIsTold)
 		          1u)
 		        << capture.text();
 	}
+}
+
+TEST_F(PcmStream, StartsAndStopsBeforeTheStatusOfItsEventChanges)
+{
+	make_source();
+	source->enabled = true;
+	sd_bus *bus = bed.add_private_bus().bus();
+	calls statuses;
+	at_activation = [&] { statuses.push_back(status(bus, "Level")); };
+	hs_loop_bus_set_event_status(bed.loop, bus, "Level", source, true);
+	EXPECT_EQ(activations, std::vector<bool>{true});
+	hs_loop_bus_set_event_status(bed.loop, bus, "Level", source, false);
+	EXPECT_EQ(activations, (std::vector<bool>{true, false}));
+	EXPECT_EQ(statuses, (calls{"disabled", "enabled"}));
+}
+
+TEST_F(PcmStream, ABusThatGoesIsGoneBeforeItStops)
+{
+	make_source();
+	source->enabled = true;
+	sd_bus *bus = bed.add_private_bus().bus();
+	hs_loop_bus_set_event_status(bed.loop, bus, "Level", source, true);
+	activations.clear();
+	calls statuses;
+	at_activation = [&] { statuses.push_back(status(bus, "Level")); };
+	hs_loop_do_quit(bed.loop, 0);
+	EXPECT_EQ(activations, std::vector<bool>{false});
+	EXPECT_EQ(statuses, calls{"no such bus"});
 }
 
 TEST_F(PcmStream, DestroyingSaysSoAndDeinitialisesThePausedInstance)
