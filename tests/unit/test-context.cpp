@@ -53,25 +53,26 @@ protected:
 		return reinterpret_cast<pw_core *>(&nothing[1]);
 	}
 
-	void add_node(hs_context *context, const char *name)
+	void add_node(hs_context *context, uint32_t id, const char *name)
 	{
 		auto *node = new hs_pw_source{};
+		node->id = id;
 		node->name = name;
 		spa_list_append(&context->pw_sources, &node->link);
 	}
 
-	/** What was destroyed, in order: the first word after "destroy". */
+	/** What was destroyed, in order: what stands after "destroy". */
 	std::vector<std::string> destroyed() const
 	{
-		std::vector<std::string> kinds;
+		std::vector<std::string> names;
 		for (const hs_log_capture::line &line : capture.lines()) {
 			const size_t at = line.text.find(": destroy");
 			if (at == std::string::npos)
 				continue;
 			const std::string rest = line.text.substr(at + 9);
-			kinds.push_back(rest.empty() ? "context" : rest.substr(1, rest.find(' ', 1) - 1));
+			names.push_back(rest.empty() ? "context" : rest.substr(1));
 		}
-		return kinds;
+		return names;
 	}
 
 	hs_loop_bed bed;
@@ -194,16 +195,26 @@ TEST_F(Context, DestroysPluginsThenNodesThenMembers)
 	hs_source *source = ear.add_source("AudioDevice0Input0.Unprocessed");
 	ear.add_source("AudioDevice1Input0.Unprocessed");
 	nose.add_source("AudioDevice0Input0.Unprocessed");
-	add_node(context, "AudioDevice0Input0.Unprocessed");
-	add_node(context, "AudioDevice1Input0.Unprocessed");
+	add_node(context, 1, "AudioDevice0Input0.Unprocessed");
+	add_node(context, 2, "AudioDevice1Input0.Unprocessed");
 	sd_bus_add_object_manager(context->bus, nullptr, "/");
 	/* The members' user data is freed before them: they must not look at it. */
 	ASSERT_TRUE(hs_dbus_setup_source_interface(source, context->bus));
 
 	capture.clear();
 	hs_context_destroy();
-	const std::vector<std::string> expected{"context",   "plugin",    "source", "source", "plugin", "source",
-						"pw-source", "pw-source", "dbus",   "dbus"};
+	const std::vector<std::string> expected{
+		"context",
+		"plugin 'Ear'",
+		"source configuration",
+		"source configuration",
+		"plugin 'Nose'",
+		"source configuration",
+		"pw-source AudioDevice0Input0.Unprocessed with id 1",
+		"pw-source AudioDevice1Input0.Unprocessed with id 2",
+		"dbus Id",
+		"dbus AudioChain",
+	};
 	EXPECT_EQ(destroyed(), expected) << capture.text();
 	for (const hs_log_capture::line &line : capture.lines())
 		EXPECT_EQ(line.level, SPA_LOG_LEVEL_DEBUG) << line.text;
