@@ -6,6 +6,8 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +25,9 @@ namespace {
 
 int scans;
 
+/** Paths that were asked for, and with what mode. */
+std::vector<std::pair<std::string, int>> accesses;
+
 } // namespace
 
 extern "C" {
@@ -37,6 +42,7 @@ int __real_scandir64(const char *path, dirent ***entries, dirent_filter filter, 
 
 int __wrap_access(const char *path, int mode)
 {
+	accesses.emplace_back(path, mode);
 	return hs_must_fail("access") ? -1 : __real_access(path, mode);
 }
 
@@ -78,6 +84,7 @@ protected:
 		std::filesystem::create_directory(shipped);
 		std::filesystem::create_directory(own);
 		scans = 0;
+		accesses.clear();
 		files = count_open_files();
 	}
 
@@ -154,10 +161,12 @@ using SettingsWrite = Conf;
 TEST_F(ConfGetConfigs, ListsConfigurationFilesByNumberInAlphabeticalOrder)
 {
 	ship("b.conf");
-	ship("a.conf");
+	ship("a2.conf");
+	ship("a10.conf");
 	ship("notes.txt");
 	EXPECT_TRUE(list(false));
-	EXPECT_EQ(listed(), "config.name.0=shipped/a.conf config.name.1=shipped/b.conf ");
+	EXPECT_EQ(listed(), "config.name.0=shipped/a10.conf config.name.1=shipped/a2.conf "
+			    "config.name.2=shipped/b.conf ");
 	EXPECT_TRUE(log.lines().empty()) << log.text();
 }
 
@@ -251,6 +260,14 @@ TEST_F(ConfGetConfigs, AFileInPlaceOfTheDirectoryIsASuccessWithoutEntries)
 	EXPECT_TRUE(hs_conf_get_configs(file.c_str(), nullptr, table.get()));
 	EXPECT_EQ(table->dict.n_items, 0u);
 	EXPECT_EQ(log.count(SPA_LOG_LEVEL_INFO, "No plugin configurations installed."), 1u) << log.text();
+}
+
+TEST_F(ConfGetConfigs, TheDirectoriesNeedToBeReadableAndNoMore)
+{
+	ship("a.conf");
+	EXPECT_TRUE(list());
+	const std::vector<std::pair<std::string, int>> expected{{shipped, R_OK}, {own, R_OK}};
+	EXPECT_EQ(accesses, expected);
 }
 
 TEST_F(ConfGetConfigs, AnUnreadableDirectoryIsAFailure)
