@@ -98,14 +98,17 @@ TEST_F(Registry, TakesAudioSourcesAndSinksOnly)
 
 TEST_F(Registry, LooksForTheFirstAudioClassOfANode)
 {
-	const spa_dict_item items[] = {
-	        {"node.name", "x"}, {"media.class", "Video/Source"}, {"media.class", "Audio/Sink"}};
+	const spa_dict_item items[] = {{"node.name", "x"},
+				       {"media.class", "Video/Source"},
+				       {"media.class", "Audio/Sink"},
+				       {"media.class", "Audio/Source"}};
 	const spa_dict props = SPA_DICT_INIT_ARRAY(items);
 	const hs_log_capture capture;
 	announce(900, PW_TYPE_INTERFACE_Node, &props);
 	EXPECT_EQ(nodes(), texts{"x"});
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "\t\tmedia.class: \"Audio/Sink\""), 1u)
 	        << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "media.class: "), 1u) << capture.text();
 }
 
 TEST_F(Registry, TellsOfTheNodesThatItTakes)
@@ -148,10 +151,14 @@ TEST_F(Registry, NodeOfTheGraphGetsItsSourceAndLosesIt)
 	pw_impl_node *node = bed.add_node("AudioDevice0Input0.Unprocessed", "Audio/Source");
 	ASSERT_FALSE(spa_list_is_empty(&plugin->sources));
 	EXPECT_EQ(spa_list_first(&plugin->sources, hs_source, link)->name, "AudioDevice0Input0.Unprocessed");
+	const hs_log_capture capture;
 	pw_impl_node_destroy(node);
 	bed.settle();
 	EXPECT_TRUE(spa_list_is_empty(&plugin->sources));
 	EXPECT_TRUE(nodes().empty());
+	const size_t destroyed_at = capture.text().find("destroy pw-source AudioDevice0Input0.Unprocessed");
+	ASSERT_NE(destroyed_at, std::string::npos) << capture.text();
+	EXPECT_LT(capture.text().find("Object removed - object: id:"), destroyed_at) << capture.text();
 }
 
 TEST_F(Registry, IgnoresOtherAndUnknownTypes)
