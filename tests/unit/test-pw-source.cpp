@@ -546,12 +546,17 @@ TEST_F(PwSource, StreamGoesBeforeTheObjects)
 	bed.settle();
 	hs_source *source = sources_of(motion)[0];
 	source->is_initialized = true;
+	announced(bed.main_bus);
 	bool objects_were_there = false;
+	texts announced_by_then;
 	bed.host.plugins[0]->at_call = [&](const std::string &method) {
 		objects_were_there = method == "deinit" && !spa_list_is_empty(&bed.context->dbus_objects);
+		announced_by_then = announced(bed.main_bus);
 	};
 	hs_pw_source_unregister_source(1);
 	EXPECT_TRUE(objects_were_there);
+	EXPECT_EQ(announced_by_then, texts{});
+	EXPECT_EQ(announced(bed.main_bus).size(), 3u);
 }
 
 TEST_F(PwSource, SharedPathsAreAnnouncedAsRemovedByTheLastSource)
@@ -718,4 +723,12 @@ TEST_F(PwSource, DestroyingUnlinksAndSaysSo)
 	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, expected), 1u) << capture.text();
 	EXPECT_EQ(capture.lines().size(), 1u) << capture.text();
 	EXPECT_TRUE(nodes().empty());
+}
+
+TEST_F(PwSource, IdsArePrintedWithASign)
+{
+	add_named(UINT32_MAX, "mic");
+	const hs_log_capture capture;
+	hs_pw_source_destroy(nodes()[0]);
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_DEBUG, "destroy pw-source mic with id -1"), 1u) << capture.text();
 }
