@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -62,14 +63,15 @@ uintptr_t place_of(void *address)
 	return reinterpret_cast<uintptr_t>(address) - reinterpret_cast<uintptr_t>(here.dli_fbase);
 }
 
-bool must_fail(const char *function, void *address)
+/** `arguments` are for the trace, each after a space. */
+bool must_fail(const char *function, void *address, const std::string &arguments = "")
 {
 	static const bool is_traced = std::getenv("HS_TRACE_CALLS");
 	const uintptr_t place = place_of(address);
 	if (place == 0)
 		return false;
 	if (is_traced)
-		std::fprintf(stderr, "call %s\n", function);
+		std::fprintf(stderr, "call %s%s\n", function, arguments.c_str());
 	const hs_call call{function, place};
 	++calls.seen[call];
 	const bool fails = calls.countdown > 0 && call == calls.failing && --calls.countdown == 0;
@@ -283,8 +285,10 @@ int on_sync(void *object, uint32_t id, int seq)
 
 pw_registry *on_get_registry(void *object, uint32_t version, size_t size)
 {
-	return must_fail("pw_core_get_registry", HS_CALLED_FROM) ? nullptr
-								 : real_core.get_registry(object, version, size);
+	const std::string arguments = " " + std::to_string(version) + " " + std::to_string(size);
+	return must_fail("pw_core_get_registry", HS_CALLED_FROM, arguments)
+		       ? nullptr
+		       : real_core.get_registry(object, version, size);
 }
 
 void replace_core(pw_core_methods *methods)
@@ -333,7 +337,8 @@ int __wrap_pw_main_loop_quit(pw_main_loop *loop)
 
 pw_core *__wrap_pw_context_connect(pw_context *context, pw_properties *props, size_t size)
 {
-	if (must_fail("pw_context_connect", HS_CALLED_FROM))
+	const std::string arguments = (props ? " props " : " null ") + std::to_string(size);
+	if (must_fail("pw_context_connect", HS_CALLED_FROM, arguments))
 		return nullptr;
 	pw_core *core = __real_pw_context_connect(context, props, size);
 	if (core)

@@ -4,7 +4,8 @@
  * A program linked with this and with --wrap=<function> for all of HS_FAILING_CALLS notes from where each of
  * them is called. In a shared library those are the library's own calls only, so that a test around it calls
  * the real ones. Without a test, HS_FAIL_CALL=<function>:<n> in the environment has the n-th call fail, and
- * HS_TRACE_CALLS has each call written to standard error, as "call <function>".
+ * HS_TRACE_CALLS has each call written to standard error, as "call <function>". Those that join the
+ * graph tell their arguments after the object as well: "call pw_core_get_registry 3 0".
  *
  *	hs_calls_begin();
  *	play();
