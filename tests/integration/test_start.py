@@ -249,6 +249,12 @@ def test_help_leaves_the_rights_library_alone(bed):
     assert not log.exists()
 
 
+def test_help_connects_to_nothing(bed):
+    daemon = bed.spawn(["-h"], program="tests/unit/hear-sense-failing", env={"HS_TRACE_CALLS": "1"})
+    assert daemon.status() == 0
+    assert daemon.log_lines("call ") == []
+
+
 def test_unknown_option_releases_the_rights_library(bed):
     log, env = with_double(bed)
     assert bed.spawn(["--nonsense"], env=env).status() == 1
