@@ -41,11 +41,14 @@ def test_start_that_fails_is_one_error_and_status_1(bed, call, message):
     assert not bed.client().has_owner()
 
 
+#: Without it the main loop can not run; all else is ready by then.
+MAIN_LOOP = "sd_bus_get_fd"
+
 #: Nothing has asked for rights before the system bus is open.
 WITHOUT_RIGHTS = ("pw_main_loop_new", "sd_bus_open_system")
 
 
-@pytest.mark.parametrize("call", [call for call, _ in FATAL])
+@pytest.mark.parametrize("call", [*(call for call, _ in FATAL), MAIN_LOOP])
 def test_start_that_fails_gives_the_rights_library_back(bed, call):
     log = bed.stage.folder / "rights.log"
     env = {
@@ -58,7 +61,7 @@ def test_start_that_fails_gives_the_rights_library_back(bed, call):
 
 
 def test_main_loop_that_can_not_run_ends_with_1(bed):
-    daemon = bed.spawn(program=PROGRAM, env={"HS_FAIL_CALL": "sd_bus_get_fd"})
+    daemon = bed.spawn(program=PROGRAM, env={"HS_FAIL_CALL": MAIN_LOOP})
     assert daemon.status() == 1
     assert daemon.log_count("request name") == 1
     assert not bed.client().has_owner()

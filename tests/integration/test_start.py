@@ -277,11 +277,13 @@ def test_configuration_directory_that_is_a_file_counts_as_missing(bed):
 def test_unreadable_configuration_directory_ends_quietly_with_0(bed):
     locked = bed.stage.folder / "locked"
     locked.mkdir(mode=0o000)
-    daemon = bed.spawn(["-c", str(locked)], privileged=False)
+    log, env = with_double(bed)
+    daemon = bed.spawn(["-c", str(locked)], env=env, privileged=False)
     assert daemon.status() == 0
     assert daemon.log_count(f"access {locked} failed: Permission denied") == 1
     assert daemon.log_lines(f"access {locked} failed: ")[0].startswith("[W]")
     assert [line for line in daemon.log_lines("[E]") if "hear-sense" in line] == []
+    assert log.read_text() == "init\nrelease\n"
     assert not bed.client().has_owner()
 
 
