@@ -106,13 +106,17 @@ int open_bus(sd_bus **bus)
 {
 	if (spa_streq(std::getenv(session_bus_variable), "true")) {
 		const int r = sd_bus_open_user(bus);
-		if (r < 0)
+		if (r < 0) {
+			errno = -r;
 			pw_log_error("Could not open session bus: %m");
+		}
 		return r;
 	}
 	const int r = sd_bus_open_system(bus);
-	if (r < 0)
+	if (r < 0) {
+		errno = -r;
 		pw_log_error("Could not open system bus: %m");
+	}
 	return r;
 }
 
