@@ -39,10 +39,11 @@ constexpr size_t settings_path_size = 4096;
 /* The C library compiles nested groups recursively: some ten thousand of them overflow the stack. */
 constexpr size_t max_pattern_length = 1023;
 /*
- * It also writes out repetitions, one inside the other ("x++++++" is 64 times x), and takes the cube of their
- * number in time where they may be empty. This many are done within a fraction of a second.
+ * It also writes out repetitions, one inside the other ("x++++++" is 64 times x), and takes more than the cube of
+ * their number in time where parts of them may be left out. This many are done within a fraction of a second.
  */
-constexpr size_t max_written_out_length = 256;
+constexpr size_t max_written_out_elements = 256;
+constexpr size_t max_written_out_options = 16;
 
 /** The larger number of an interval such as "{2,5}"; 1 where there is none. */
 size_t max_repetitions(const char *interval)
@@ -73,36 +74,67 @@ const char *end_of_bracket(const char *bracket)
 	return *c == ']' ? c : bracket + std::strlen(bracket) - 1;
 }
 
-/** Elements of the pattern once its repetitions are written out. */
-size_t written_out_length(const char *pattern)
+/** What there is of a pattern. */
+struct extent {
+	size_t elements;
+	/** What may be left out. */
+	size_t options;
+};
+
+constexpr extent option = {1, 1};
+
+extent operator+(extent a, extent b)
+{
+	return {std::min(a.elements + b.elements, max_pattern_length + 1),
+		std::min(a.options + b.options, max_pattern_length + 1)};
+}
+
+extent operator*(extent a, size_t times)
+{
+	return {std::min(a.elements * times, max_pattern_length + 1),
+		std::min(a.options * times, max_pattern_length + 1)};
+}
+
+/** Whether an alternative ends where `c` stands. */
+bool is_end_of_alternative(char c)
+{
+	return c == '\0' || c == '|' || c == ')';
+}
+
+/** The pattern once its repetitions are written out; `*n_options` is what may be left out of it as it stands. */
+extent write_out(const char *pattern, size_t *n_options)
 {
 	/* What stands before the last element, for the pattern and each group that is open. */
-	std::vector<size_t> before{0};
-	size_t element = 0;
+	std::vector<extent> before{{}};
+	extent element = is_end_of_alternative(*pattern) ? option : extent{};
+	*n_options = element.options;
 	for (const char *c = pattern; *c; ++c) {
 		const bool is_interval = *c == '{' && std::strchr(c, '}');
 		if (*c == '+') {
-			element *= 2;
+			element = element * 2;
 		} else if (*c == '?' || *c == '*') {
-			element += 1;
+			element = element + option;
+			++*n_options;
 		} else if (is_interval) {
-			element *= max_repetitions(c);
+			const bool may_be_none = c[1] == '0' || c[1] == ',';
+			element = element * max_repetitions(c) + extent{0, may_be_none};
+			*n_options += may_be_none;
 			c = std::strchr(c, '}');
 		} else if (*c == ')' && before.size() > 1) {
-			element += before.back();
+			element = element + before.back();
 			before.pop_back();
 		} else {
-			before.back() += element;
-			element = *c != '(';
+			const bool is_empty = (*c == '(' || *c == '|') && is_end_of_alternative(c[1]);
+			before.back() = before.back() + element;
+			element = is_empty ? option : extent{*c != '(', 0};
+			*n_options += is_empty;
 			if (*c == '(')
-				before.push_back(0);
+				before.emplace_back();
 			else if (*c == '[')
 				c = end_of_bracket(c);
 			else if (*c == '\\' && c[1])
 				++c;
 		}
-		element = std::min(element, max_pattern_length + 1);
-		before.back() = std::min(before.back(), max_pattern_length + 1);
 	}
 	return std::accumulate(before.begin(), before.end(), element);
 }
@@ -110,7 +142,12 @@ size_t written_out_length(const char *pattern)
 bool is_too_long(const char *pattern)
 {
 	const size_t length = std::strlen(pattern);
-	return length > max_pattern_length || written_out_length(pattern) > std::max(length, max_written_out_length);
+	if (length > max_pattern_length)
+		return true;
+	size_t n_options = 0;
+	const extent whole = write_out(pattern, &n_options);
+	return whole.elements > std::max(length, max_written_out_elements) ||
+	       whole.options > std::max(n_options, max_written_out_options);
 }
 
 hs_pw_source *find_by_id(hs_context *context, uint32_t id)

@@ -155,12 +155,47 @@ TEST(PwSourcePattern, WhoseRepetitionsWouldFillTheMemoryDoesNotCompile)
 	EXPECT_FALSE(hs_pw_source_matches_pattern("x{99999999999999999999}", xs.c_str()));
 	EXPECT_FALSE(hs_pw_source_matches_pattern("(a[)]b(x{100})){100}", xs.c_str()));
 	EXPECT_FALSE(hs_pw_source_matches_pattern("x?{1,255}+", xs.c_str()));
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not compile pattern"), 5u) << capture.text();
+	EXPECT_FALSE(hs_pw_source_matches_pattern(("()" + std::string(40, '+')).c_str(), xs.c_str()));
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not compile pattern"), 6u) << capture.text();
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^(x{2,25}){10}$", xs.c_str()));
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^x+x+x+x+x+x+x+x+x+x+x+x+$", xs.c_str()));
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^[x+]{100}[[:alpha:]+{}]{100}\\(?x", xs.c_str()));
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^[]x{99}{99}]$", "x"));
 	EXPECT_TRUE(hs_pw_source_matches_pattern("^[^]{99}{99}]$", "x"));
+}
+
+TEST(PwSourcePattern, WhoseRepetitionsOfWhatMayBeLeftOutWouldTakeSecondsDoesNotCompile)
+{
+	hs_log_capture capture;
+	const std::string row(33, '?');
+	const std::string patterns[] = {
+		"0++0+++" + row + "5???????,?????????++++-",
+		"x???????????????++++",
+		"(x?){17}",
+		"(x*y){9}+",
+		"(x|){17}",
+		"(|x){17}",
+		"(x||y){17}",
+		"(x{0,3}){17}",
+		"(x{,3}){17}",
+		"(|x|)+++++",
+		"()+++++",
+	};
+	for (const std::string &pattern : patterns) {
+		capture.clear();
+		EXPECT_FALSE(hs_pw_source_matches_pattern(pattern.c_str(), "x")) << pattern;
+		EXPECT_TRUE(capture.contains(SPA_LOG_LEVEL_WARN, "Could not compile pattern")) << pattern;
+	}
+	const std::string name(64, 'x');
+	for (const char *pattern :
+	     {"(x?){16}", "(x|){16}", "(x{0,3}){8}", "(x|y|z){50}", "^(x?y*z{0,99}|)+$", "()++++", "|x"})
+		EXPECT_TRUE(hs_pw_source_matches_pattern(pattern, name.c_str())) << pattern;
+	for (const char *repeated : {"x?", "(x?)*", "(x|)"}) {
+		std::string many;
+		while (many.size() < 1000)
+			many += repeated;
+		EXPECT_TRUE(hs_pw_source_matches_pattern(many.c_str(), "x")) << many;
+	}
 }
 
 TEST(PwSourceConfig, IsTheFirstEntryOfThatNode)
