@@ -33,9 +33,6 @@ void hs_pw_source_register_source(uint32_t id, const spa_dict *props);
 void hs_pw_source_unregister_source(uint32_t id);
 void hs_pw_source_destroy(hs_pw_source *pw_source);
 
-/** Whether the POSIX extended regular expression is found in the name. */
-bool hs_pw_source_matches_pattern(const char *pattern, const char *node_name);
-
 /**
  * A copy of the first "source." object of the configuration whose "node.name" is `node_name`, or that has
  * any "node.name" where `node_name` is null; null where there is none.

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "pw-source.hpp"
+#include "node-pattern.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -12,8 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	const std::string name = input.text();
 	const std::string pattern = input.text();
 
-	const bool matches = hs_pw_source_matches_pattern(pattern.c_str(), name.c_str());
-	HS_REQUIRE(matches == hs_pw_source_matches_pattern(pattern.c_str(), name.c_str()));
+	const bool matches = hs_node_pattern_matches(pattern.c_str(), name.c_str());
+	HS_REQUIRE(matches == hs_node_pattern_matches(pattern.c_str(), name.c_str()));
 
 	/* A pattern without special characters is a part of the name. */
 	const bool is_plain = std::all_of(pattern.begin(), pattern.end(), [](char c) {

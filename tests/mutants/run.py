@@ -78,6 +78,7 @@ INTEGRATION = {
     "main": ("start", "faults_start", "feature_flag"),
     "metadata": ("metadata",),
     "metrics": ("metrics",),
+    "node-pattern": ("nodes",),
     "owned": ("life", "rounds"),
     "parse": ("properties", "writes"),
     "pcm": ("stream",),

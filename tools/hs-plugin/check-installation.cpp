@@ -14,12 +14,11 @@
 #include <pipewire/properties.h>
 #include <spa/utils/string.h>
 
-#include <regex.h>
-
 #include "conf-syntax.hpp"
 #include "conf.hpp"
 #include "event-json.hpp"
 #include "failure.hpp"
+#include "node-pattern.hpp"
 #include "pcm-format.hpp"
 #include "schema.hpp"
 #include "source-settings.hpp"
@@ -64,15 +63,9 @@ void check_default(const std::string &key, const char *text, host *instance, rep
 
 void check_pattern(const char *pattern, report *found)
 {
-	regex_t compiled;
-	const int error = regcomp(&compiled, pattern, REG_EXTENDED | REG_NOSUB);
-	if (error == 0) {
-		regfree(&compiled);
-		return;
-	}
-	char text[128];
-	regerror(error, &compiled, text, sizeof(text));
-	found->fail(std::string("Its node.pattern is no regular expression: ") + text + ".");
+	const std::string fault = hs_node_pattern_fault(pattern);
+	if (!fault.empty())
+		found->fail("Its node.pattern selects no node: " + fault + ".");
 }
 
 constexpr const char *format_keys[] = {"audio.format", "audio.rate", "audio.channels", "audio.position", "node.name"};
