@@ -83,7 +83,7 @@ extent write_out(const char *pattern, size_t *n_options)
 {
 	/* What stands before the last element, for the pattern and each group that is open. */
 	std::vector<extent> before{{}};
-	extent element = is_end_of_alternative(*pattern) ? option : extent{};
+	extent element = {0, is_end_of_alternative(*pattern)};
 	*n_options = element.options;
 	for (const char *c = pattern; *c; ++c) {
 		const bool is_interval = *c == '{' && std::strchr(c, '}');
