@@ -78,24 +78,33 @@ bool is_end_of_alternative(char c)
 	return c == '\0' || c == '|' || c == ')';
 }
 
-/** The pattern once its repetitions are written out; `*n_options` is what may be left out of it as it stands. */
-extent write_out(const char *pattern, size_t *n_options)
+struct shape {
+	/** The whole pattern once its repetitions are written out. */
+	extent written_out;
+	/** What may be left out of it as it stands. */
+	size_t n_options;
+	/** It has a "\\1" or the like. */
+	bool refers_back;
+};
+
+shape measure(const char *pattern)
 {
 	/* What stands before the last element, for the pattern and each group that is open. */
 	std::vector<extent> before{{}};
 	extent element = {0, is_end_of_alternative(*pattern)};
-	*n_options = element.options;
+	size_t n_options = element.options;
+	bool refers_back = false;
 	for (const char *c = pattern; *c; ++c) {
 		const bool is_interval = *c == '{' && std::strchr(c, '}');
 		if (*c == '+') {
 			element = element * 2;
 		} else if (*c == '?' || *c == '*') {
 			element = element + option;
-			++*n_options;
+			++n_options;
 		} else if (is_interval) {
 			const bool may_be_none = c[1] == '0' || c[1] == ',';
 			element = element * max_repetitions(c) + extent{0, may_be_none};
-			*n_options += may_be_none;
+			n_options += may_be_none;
 			c = std::strchr(c, '}');
 		} else if (*c == ')' && before.size() > 1) {
 			element = element + before.back();
@@ -104,35 +113,38 @@ extent write_out(const char *pattern, size_t *n_options)
 			const bool is_empty = (*c == '(' || *c == '|') && is_end_of_alternative(c[1]);
 			before.back() = before.back() + element;
 			element = is_empty ? option : extent{*c != '(', 0};
-			*n_options += is_empty;
+			n_options += is_empty;
 			if (*c == '(')
 				before.emplace_back();
 			else if (*c == '[')
 				c = end_of_bracket(c);
 			else if (*c == '\\' && c[1])
-				++c;
+				refers_back |= std::isdigit(static_cast<unsigned char>(*++c)) != 0;
 		}
 	}
-	return std::accumulate(before.begin(), before.end(), element);
+	return {std::accumulate(before.begin(), before.end(), element), n_options, refers_back};
 }
 
-bool is_too_long(const char *pattern)
+/** What the C library would take too long for; null where there is nothing of that kind. */
+const char *slow_part(const char *pattern)
 {
+	static constexpr char too_long[] = "it is too long, or its repetitions are";
 	const size_t length = std::strlen(pattern);
 	if (length > max_pattern_length)
-		return true;
-	size_t n_options = 0;
-	const extent whole = write_out(pattern, &n_options);
-	return whole.elements > std::max(length, max_written_out_elements) ||
-	       whole.options > std::max(n_options, max_written_out_options);
+		return too_long;
+	const shape found = measure(pattern);
+	if (found.written_out.elements > std::max(length, max_written_out_elements) ||
+	    found.written_out.options > std::max(found.n_options, max_written_out_options))
+		return too_long;
+	return found.refers_back ? "it refers back to a group" : nullptr;
 }
 
 } // namespace
 
 std::string hs_node_pattern_fault(const char *pattern)
 {
-	if (is_too_long(pattern))
-		return "it is too long, or its repetitions are";
+	if (const char *part = slow_part(pattern))
+		return part;
 	regex_t compiled;
 	const int error = regcomp(&compiled, pattern, REG_EXTENDED | REG_NOSUB);
 	if (error == 0) {
@@ -147,7 +159,7 @@ std::string hs_node_pattern_fault(const char *pattern)
 bool hs_node_pattern_matches(const char *pattern, const char *node_name)
 {
 	regex_t compiled;
-	if (is_too_long(pattern) || regcomp(&compiled, pattern, REG_EXTENDED) != 0) {
+	if (slow_part(pattern) || regcomp(&compiled, pattern, REG_EXTENDED) != 0) {
 		pw_log_warn("Could not compile pattern");
 		return false;
 	}

@@ -107,6 +107,7 @@ PROGRAMS = ("src/hear-sense", "tests/unit/hear-sense-failing", "tests/plugins/hs
 PLUGINS = (
     "tests/plugins/hs-export-metadata",
     "tests/plugins/libspa-hs-scripted.so",
+    "tests/plugins/libspa-hs-tone.so",
     "tests/plugins/vetto2-double/libvetto2.so.2.0.0",
 )
 

@@ -41,9 +41,11 @@ TEST(NodePattern, WhoseRepetitionsWouldFillTheMemoryDoesNotCompile)
 	EXPECT_FALSE(hs_node_pattern_matches("x?{1,255}+", xs.c_str()));
 	EXPECT_FALSE(hs_node_pattern_matches(("()" + std::string(40, '+')).c_str(), xs.c_str()));
 	EXPECT_FALSE(hs_node_pattern_matches("x{257}", xs.c_str()));
+	EXPECT_FALSE(
+		hs_node_pattern_matches((std::string(1019, '.') + "x{9}").c_str(), std::string(1028, 'x').c_str()));
 	EXPECT_FALSE(hs_node_pattern_matches("[a:]x{300}", xs.c_str()));
 	EXPECT_FALSE(hs_node_pattern_matches("[a[", xs.c_str()));
-	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not compile pattern"), 9u) << capture.text();
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not compile pattern"), 10u) << capture.text();
 	EXPECT_TRUE(hs_node_pattern_matches("^(x{2,25}){10}$", xs.c_str()));
 	EXPECT_TRUE(hs_node_pattern_matches("^x+x+x+x+x+x+x+x+x+x+x+x+$", xs.c_str()));
 	EXPECT_TRUE(hs_node_pattern_matches("^[x+]{100}[[:alpha:]+{}]{100}\\(?x", xs.c_str()));
@@ -87,6 +89,17 @@ TEST(NodePattern, WhoseRepetitionsOfWhatMayBeLeftOutWouldTakeSecondsDoesNotCompi
 	}
 }
 
+/* The C library would try every way in which the group can have matched. */
+TEST(NodePattern, ThatRefersBackToAGroupDoesNotCompile)
+{
+	const hs_log_capture capture;
+	EXPECT_FALSE(hs_node_pattern_matches("(x)\\1", "xx"));
+	EXPECT_FALSE(hs_node_pattern_matches("()++++\\1++++++", "x"));
+	EXPECT_EQ(capture.count(SPA_LOG_LEVEL_WARN, "Could not compile pattern"), 2u) << capture.text();
+	EXPECT_TRUE(hs_node_pattern_matches("(x)[\\1]", "x1"));
+	EXPECT_TRUE(hs_node_pattern_matches("(x)\\\\1\\.", "x\\1."));
+}
+
 TEST(NodePattern, FaultSaysWhyNothingIsMatched)
 {
 	const hs_log_capture capture;
@@ -94,5 +107,6 @@ TEST(NodePattern, FaultSaysWhyNothingIsMatched)
 	EXPECT_EQ(hs_node_pattern_fault("(mic"), "Unmatched ( or \\(");
 	for (const std::string &pattern : {std::string(1024, '.'), std::string{"(x?){17}"}})
 		EXPECT_EQ(hs_node_pattern_fault(pattern.c_str()), "it is too long, or its repetitions are");
+	EXPECT_EQ(hs_node_pattern_fault("(x)\\1"), "it refers back to a group");
 	EXPECT_TRUE(capture.lines().empty()) << capture.text();
 }
