@@ -78,6 +78,23 @@ bool is_end_of_alternative(char c)
 	return c == '\0' || c == '|' || c == ')';
 }
 
+/** Whether an anchor, or an alternative without anything in it, begins at `c`. */
+bool matches_nothing(const char *c)
+{
+	switch (*c) {
+	case '^':
+	case '$':
+		return true;
+	case '\\':
+		return c[1] && std::strchr("bB<>`'", c[1]);
+	case '(':
+	case '|':
+		return is_end_of_alternative(c[1]);
+	default:
+		return false;
+	}
+}
+
 struct shape {
 	/** The whole pattern once its repetitions are written out. */
 	extent written_out;
@@ -110,7 +127,7 @@ shape measure(const char *pattern)
 			element = element + before.back();
 			before.pop_back();
 		} else {
-			const bool is_empty = (*c == '(' || *c == '|') && is_end_of_alternative(c[1]);
+			const bool is_empty = matches_nothing(c);
 			before.back() = before.back() + element;
 			element = is_empty ? option : extent{*c != '(', 0};
 			n_options += is_empty;
