@@ -26,6 +26,8 @@ static_assert(std::is_standard_layout_v<hs_plugin>);
 namespace {
 
 constexpr char conf_suffix[] = ".conf";
+/** D-Bus takes no longer one. */
+constexpr size_t max_interface_length = 255;
 
 /** The daemon's block behind an interface's host_data. */
 struct host_data {
@@ -413,12 +415,15 @@ bool hs_plugin_get_event_flag(const hs_plugin *plugin, const char *event_interfa
 hs_properties_ptr hs_plugin_get_event_data_types(const hs_plugin *plugin, const char *event_interface)
 {
 	const hs_event_info *event = find_event(plugin, event_interface);
-	if (!event)
+	/* Where the event's name is cut off, nothing of it is known; with an error here nobody could read the tree. */
+	const bool is_cut = event_interface && std::strlen(event_interface) == max_interface_length;
+	if (!event && !is_cut)
 		return nullptr;
+	const uint32_t bits = event ? event->data_types : 0;
 	hs_properties_ptr data_types(pw_properties_new("complexType", "(bb)", nullptr));
 	pw_properties_setf(data_types.get(), "value", "{\"Stats\": \"%s\", \"Event\": \"%s\"}",
-			   (event->data_types & HS_EVENT_DATA_STATS) ? "true" : "false",
-			   (event->data_types & HS_EVENT_DATA_EVENT) ? "true" : "false");
+			   (bits & HS_EVENT_DATA_STATS) ? "true" : "false",
+			   (bits & HS_EVENT_DATA_EVENT) ? "true" : "false");
 	return data_types;
 }
 

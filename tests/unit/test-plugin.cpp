@@ -845,6 +845,15 @@ TEST_F(PluginTexts, EventWithoutANameIsPassedOver)
 	EXPECT_EQ(hs_plugin_get_event_nice_name(&plugin, "nodot"), "");
 }
 
+TEST_F(PluginTexts, EventWhoseInterfaceIsCutHasNoDataTypes)
+{
+	const std::string interface = "com.orvel.HearSense.Events." + std::string(300, 'x');
+	const hs_properties_ptr data_types = hs_plugin_get_event_data_types(&plugin, interface.substr(0, 255).c_str());
+	EXPECT_EQ(texts_of(data_types.get()),
+		  (texts{{"complexType", "(bb)"}, {"value", "{\"Stats\": \"false\", \"Event\": \"false\"}"}}));
+	EXPECT_EQ(hs_plugin_get_event_data_types(&plugin, interface.substr(0, 254).c_str()), nullptr);
+}
+
 TEST_F(PluginTexts, PluginWithoutAnEventTableKnowsNoEvent)
 {
 	handmade.interface.events = nullptr;
