@@ -100,7 +100,7 @@ struct shape {
 	extent written_out;
 	/** What may be left out of it as it stands. */
 	size_t n_options;
-	/** It has a "\\1" or the like. */
+	/** It has a "\1" or the like. */
 	bool refers_back;
 };
 
