@@ -16,11 +16,11 @@ namespace {
 /* The C library compiles nested groups recursively: some ten thousand of them overflow the stack. */
 constexpr size_t max_pattern_length = 1023;
 /*
- * It also writes out repetitions, one inside the other ("x++++++" is 64 times x), and takes more than the cube of
- * their number in time where parts of them may be left out. This many are done within a fraction of a second.
+ * It also writes out repetitions, one inside the other ("x++++++" is 64 times x), and where they repeat what may be
+ * left out, as in "(x*)*", each can double the time that it takes. These many are done within a fraction of a second.
  */
 constexpr size_t max_written_out_elements = 256;
-constexpr size_t max_written_out_options = 16;
+constexpr size_t max_repeated_options = 16;
 
 /** The larger number of an interval such as "{2,5}"; 1 where there is none. */
 size_t max_repetitions(const char *interval)
@@ -96,10 +96,10 @@ bool matches_nothing(const char *c)
 }
 
 struct shape {
-	/** The whole pattern once its repetitions are written out. */
-	extent written_out;
-	/** What may be left out of it as it stands. */
-	size_t n_options;
+	/** Elements of the whole pattern once its repetitions are written out. */
+	size_t n_elements;
+	/** How often something that may be left out is repeated. */
+	size_t n_repeated_options;
 	/** It has a "\1" or the like. */
 	bool refers_back;
 };
@@ -109,28 +109,30 @@ shape measure(const char *pattern)
 	/* What stands before the last element, for the pattern and each group that is open. */
 	std::vector<extent> before{{}};
 	extent element = {0, is_end_of_alternative(*pattern)};
-	size_t n_options = element.options;
+	size_t n_repeated_options = 0;
 	bool refers_back = false;
 	for (const char *c = pattern; *c; ++c) {
 		const bool is_interval = *c == '{' && std::strchr(c, '}');
 		if (*c == '+') {
 			element = element * 2;
-		} else if (*c == '?' || *c == '*') {
+			n_repeated_options += element.options;
+		} else if (*c == '*') {
+			n_repeated_options += element.options;
 			element = element + option;
-			++n_options;
+		} else if (*c == '?') {
+			element = element + option;
 		} else if (is_interval) {
 			const bool may_be_none = c[1] == '0' || c[1] == ',';
-			element = element * max_repetitions(c) + extent{0, may_be_none};
-			n_options += may_be_none;
+			element = element * max_repetitions(c);
+			n_repeated_options += element.options;
+			element.options += may_be_none;
 			c = std::strchr(c, '}');
 		} else if (*c == ')' && before.size() > 1) {
 			element = element + before.back();
 			before.pop_back();
 		} else {
-			const bool is_empty = matches_nothing(c);
 			before.back() = before.back() + element;
-			element = is_empty ? option : extent{*c != '(', 0};
-			n_options += is_empty;
+			element = matches_nothing(c) ? option : extent{*c != '(', 0};
 			if (*c == '(')
 				before.emplace_back();
 			else if (*c == '[')
@@ -139,7 +141,8 @@ shape measure(const char *pattern)
 				refers_back |= std::isdigit(static_cast<unsigned char>(*++c)) != 0;
 		}
 	}
-	return {std::accumulate(before.begin(), before.end(), element), n_options, refers_back};
+	const extent whole = std::accumulate(before.begin(), before.end(), element);
+	return {whole.elements, n_repeated_options, refers_back};
 }
 
 /** What the C library would take too long for; null where there is nothing of that kind. */
@@ -150,8 +153,8 @@ const char *slow_part(const char *pattern)
 	if (length > max_pattern_length)
 		return too_long;
 	const shape found = measure(pattern);
-	if (found.written_out.elements > std::max(length, max_written_out_elements) ||
-	    found.written_out.options > std::max(found.n_options, max_written_out_options))
+	if (found.n_elements > std::max(length, max_written_out_elements) ||
+	    found.n_repeated_options > max_repeated_options)
 		return too_long;
 	return found.refers_back ? "it refers back to a group" : nullptr;
 }
